@@ -9,6 +9,10 @@
 //   any      callable everywhere, interrupt context included
 //   atomic   callable in process context and under a spin lock, never in interrupt context
 //   sleep    process context without a spin lock held; the call may sleep
+//
+// Every mutable variable of the driver that is not on a stack or in allocated memory is declared
+// with OS_MODULE_STATE (os_embedded.h): the simulator puts these into one section, so that a
+// simulated reboot starts the module afresh; elsewhere the word is empty.
 #ifndef TRAK_OS_BASE_H
 #define TRAK_OS_BASE_H
 
