@@ -18,3 +18,23 @@ function(trak_add_driver platform)
   target_include_directories(driver_${platform} PUBLIC "${CMAKE_SOURCE_DIR}"
                              "${CMAKE_SOURCE_DIR}/os/${platform}/embed")
 endfunction()
+
+# driver_kernelflags: the same sources as a kernel module compiles them (x86-64, 2.6.32 and later).
+# Nothing links it: `run lint` builds it, and looks at its undefined symbols and its sections.
+# -fno-stack-protector leaves the choice to the module's own build; the rest is what the kernel's
+# makefiles pass.
+function(trak_add_driver_kernelflags)
+  if(TRAK_SANITIZE OR NOT CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|amd64)$")
+    return()
+  endif()
+  include("${CMAKE_SOURCE_DIR}/driver/sources.cmake")
+  list(TRANSFORM TRAK_DRIVER_SOURCES REPLACE "^([^/])" "${CMAKE_SOURCE_DIR}/driver/\\1")
+  add_library(driver_kernelflags STATIC EXCLUDE_FROM_ALL ${TRAK_DRIVER_SOURCES})
+  set_target_properties(driver_kernelflags PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+  target_compile_options(driver_kernelflags PRIVATE ${TRAK_FREESTANDING_FLAGS}
+      -O2 -g0 -fno-pic -fno-pie -mcmodel=kernel -mno-red-zone -mno-mmx -mno-sse -mno-sse2
+      -mno-3dnow -mno-avx -mno-80387 -msoft-float -fno-stack-protector -fno-strict-aliasing
+      -fno-common -fno-delete-null-pointer-checks -fcf-protection=none -Wframe-larger-than=1024)
+  target_include_directories(driver_kernelflags PRIVATE "${CMAKE_SOURCE_DIR}"
+                             "${CMAKE_SOURCE_DIR}/os/user/embed")
+endfunction()

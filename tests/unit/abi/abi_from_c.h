@@ -1,4 +1,4 @@
-/* tests/unit/abi/abi_from_c.h: what the C compiler makes of the interface, handed to the C++ test */
+/* tests/unit/abi/abi_from_c.h: what the C compiler makes of the interface, for the C++ test */
 /* SPDX-License-Identifier: GPL-2.0-only */
 #ifndef TRAK_TESTS_ABI_FROM_C_H
 #define TRAK_TESTS_ABI_FROM_C_H
