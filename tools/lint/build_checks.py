@@ -1,0 +1,129 @@
+# tools/lint/build_checks.py: checks that compile: a kernel module's flags, its symbols, clang-tidy
+# SPDX-License-Identifier: GPL-2.0-only
+"""Uses the dev preset's configuration (build/dev), made here if it isn't there."""
+import json
+import os
+import re
+import shlex
+import subprocess
+from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
+
+from sources import Fault
+from tool_checks import run_tool
+
+# What an object of the driver may leave undefined, beside the seam: what every kernel has, and what
+# the compiler itself emits calls of for copies and fills.
+ALLOWED_UNDEFINED = re.compile(r"os_\w+|memcpy|memset|memmove|memcmp")
+# Code or data that would have to run before the module's init function, or at its unload.
+CONSTRUCTOR_SECTIONS = re.compile(r"\.(init_array|fini_array|ctors|dtors|preinit_array)\b")
+TIDY_FOLDERS = ("driver", "os/user", "os/sim", "daemon", "lib", "ctl")
+# Flags that gcc knows and Clang does not.
+GCC_ONLY = re.compile(r"-Wframe-larger-than=.*|-fno-var-tracking.*|-Wsuggest-\S+|-Wlogical-op")
+
+
+def configure(tree):
+    """Configures the dev preset; a fault when that fails."""
+    status, output = run_tool(tree, ["cmake", "--preset", "dev"])
+    if status != 0:
+        return [Fault("CMakeLists.txt", 1, "configure", output.strip()[-1500:])]
+    return []
+
+
+def check_kernel_flags(tree):
+    """The driver compiles as a kernel module does, and needs the seam and nothing else."""
+    if not (tree.root / "driver/sources.cmake").exists():
+        return []
+    faults = configure(tree)
+    if faults:
+        return faults
+    status, output = run_tool(tree, ["cmake", "--build", "build/dev", "-j", str(tree.jobs),
+                                     "--target", "driver_kernelflags"], timeout=900)
+    if status != 0:
+        errors = re.findall(r"^(\S+?):(\d+):\d+: error: (.*)$", output, re.M)
+        return [Fault(os.path.relpath(f, tree.root) if f.startswith(str(tree.root)) else f, int(n),
+                      "kernel-flags", text) for f, n, text in errors] or \
+            [Fault("cmake/TrakDriver.cmake", 1, "kernel-flags", output.strip()[-1500:])]
+    library = next(tree.root.glob("build/dev/**/libdriver_kernelflags.a"))
+    return undefined_symbols(tree, library) + constructors(tree, library)
+
+
+def undefined_symbols(tree, library):
+    _, output = run_tool(tree, ["nm", "-A", str(library)])
+    defined, wanted = set(), {}
+    for line in output.splitlines():
+        match = re.match(r".*?:([^:]+):[0-9a-f ]* ([A-Za-z]) (\S+)$", line)
+        if match and match[2] in "Uw":
+            wanted.setdefault(match[3], match[1])
+        elif match:
+            defined.add(match[3])
+    return [Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+                  f"needs {name}, which is neither of the seam nor a compiler's memory call")
+            for name, member in sorted(wanted.items())
+            if name not in defined and not ALLOWED_UNDEFINED.fullmatch(name)]
+
+
+def constructors(tree, library):
+    _, output = run_tool(tree, ["objdump", "-h", str(library)])
+    member, faults = "?", []
+    for line in output.splitlines():
+        head = re.match(r"(\S+):\s+file format", line)
+        member = head[1] if head else member
+        if CONSTRUCTOR_SECTIONS.search(line):
+            faults.append(Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+                                f"has {line.split()[1]}: no static constructors in the driver"))
+    return faults
+
+
+def tidy_database(tree):
+    """Clang's compile commands: one for each source, the driver's as the user platform has it."""
+    chosen = {}
+    for entry in json.loads((tree.root / "build/dev/compile_commands.json").read_text()):
+        path = os.path.relpath(entry["file"], tree.root)
+        if not path.startswith(tuple(f + "/" for f in TIDY_FOLDERS)):
+            continue
+        words = [w for w in shlex.split(entry["command"]) if not GCC_ONLY.fullmatch(w)]
+        while words and "ccache" in Path(words[0]).name:
+            words.pop(0)
+        rank = 0 if "driver_user" in entry["command"] else 1
+        if path not in chosen or rank < chosen[path][0]:
+            chosen[path] = (rank, {"directory": entry["directory"], "file": entry["file"],
+                                   "arguments": words})
+    folder = tree.root / "build/lint"
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / "compile_commands.json").write_text(json.dumps([e for _, e in chosen.values()]))
+    return sorted(chosen)
+
+
+def check_tidy(tree):
+    """clang-tidy's checks of .clang-tidy, and Clang's thread-safety analysis, in one parse."""
+    if not any(tree.cpp(f) for f in TIDY_FOLDERS):
+        return []
+    faults = configure(tree)
+    if faults:
+        return faults
+    sources = tidy_database(tree)
+
+    def tidy(path):
+        try:
+            return path, *run_tool(tree, ["clang-tidy-14", "-p", "build/lint", "--quiet",
+                                          "--extra-arg=-Wthread-safety",
+                                          "--extra-arg=-Wno-unknown-warning-option", path],
+                                   timeout=600)
+        except subprocess.TimeoutExpired:
+            return path, 124, f"{path}:1:1: error: clang-tidy took more than 600 s [timeout]"
+
+    with ThreadPoolExecutor(tree.jobs) as pool:
+        for path, status, output in pool.map(tidy, biggest_first(tree, sources)):
+            found = re.findall(r"^(\S+?):(\d+):\d+: (?:error|warning): (.*)$", output, re.M)
+            for file, line, text in found:
+                name = os.path.relpath(file, tree.root) if os.path.isabs(file) else file
+                faults.append(Fault(name, int(line), "tidy", text))
+            if status != 0 and not found:
+                faults.append(Fault(path, 1, "tidy", output.strip()[-500:]))
+    return sorted(set(faults))
+
+
+def biggest_first(tree, sources):
+    """So that no long one is left for the end, when the other processors have nothing to do."""
+    return sorted(sources, key=lambda p: -(tree.root / p).stat().st_size)
