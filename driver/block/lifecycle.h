@@ -1,0 +1,30 @@
+// driver/block/lifecycle.h: start, stop and destroy of nodes, and the operations of their disks
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_BLOCK_LIFECYCLE_H
+#define TRAK_BLOCK_LIFECYCLE_H
+
+#include "abi/trak_ioctl.h"
+#include "driver/block/device.h"
+#include "driver/block/table.h"
+
+// Majors, table and kdirtyd: 0 or a negative errno, with nothing left behind on failure but what the
+// next destroy takes down.
+int trak_block_init();
+// Stops and destroys every node, then the rest: 0 or the first error, leaving the rest in place.
+int trak_block_destroy();
+
+int trak_ioctl_start_node(trak_minor_arg *arg);
+int trak_ioctl_stop_node(trak_minor_arg *arg);
+int trak_ioctl_del_node(trak_minor_arg *arg);  // 22, positive, for a minor without a node
+
+// The node table is held at least for reading.
+int trak_block_start_device(trak_device *dev) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+int trak_block_stop_device(trak_device *dev) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+// The node table is held for writing. unlink_files: 1 removes a snap's COW files too.
+int trak_block_destroy_device(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock);
+
+extern const os_block_device_operations trak_bdops;
+void trak_unplug_filter(os_queue *queue);
+void trak_unplug_snap(os_queue *queue);
+
+#endif

@@ -1,0 +1,30 @@
+// driver/block/table.h: the node table
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_BLOCK_TABLE_H
+#define TRAK_BLOCK_TABLE_H
+
+#include <cstdint>
+
+#include "driver/block/device.h"
+#include "driver/block/locks.h"
+
+// trak_max_blk_minor + 1 entries while the block side is up, else null. Entries change only under
+// trak_blkdev_rwlock held for writing.
+extern trak_device **trak_blkdev_arr;
+extern zurwlock trak_blkdev_rwlock;
+
+// The record of a minor, or null: no table, beyond the table, or no node. The lock is held at least
+// for reading.
+[[nodiscard]] trak_device *trak_find_device(std::uint32_t minor)
+    TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+
+// Picks the minor that a creation asked for (*minor < 0: the lowest free one, written back) and stores
+// the record in the table: 0, -EINVAL (too big, taken) or -ENOSPC, logged under the creating
+// function's name. The lock is held for writing.
+[[nodiscard]] int trak_place_device(const char *function, trak_device *dev, std::int32_t *minor)
+    TRAK_REQUIRES(trak_blkdev_rwlock);
+
+// Formats 16 random bytes as a braced identifier of 38 characters and a NUL.
+void trak_generate_uuid(char uuid[TRAK_UUID_SIZE]);
+
+#endif

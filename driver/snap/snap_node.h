@@ -1,0 +1,26 @@
+// driver/snap/snap_node.h: creation, start, stop and resume of snap nodes
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_SNAP_SNAP_NODE_H
+#define TRAK_SNAP_SNAP_NODE_H
+
+#include "abi/trak_ioctl.h"
+#include "driver/block/device.h"
+#include "driver/block/table.h"
+
+int trak_ioctl_add_snap_node(trak_add_snap_arg *arg);
+int trak_ioctl_resume_snap(trak_resume_arg *arg);
+
+// The snap branches of trak_block_start_device and trak_block_stop_device. The caller holds the node
+// table for reading and the snap's dev_mutex. 0 or a negative errno.
+[[nodiscard]] int trak_snap_start(trak_device *snap) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+// Once a start succeeded and every lock but the table is released: reads which chunks hold data.
+void trak_snap_read_data_blocks(trak_device *snap) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+// *postponed is set to 1 when older started snaps keep it running.
+[[nodiscard]] int trak_snap_stop(trak_device *snap, int *postponed)
+    TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+// Destroy's part: removes the COW files when asked and unlinks the snap from its filter.
+void trak_snap_detach(trak_device *snap, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock);
+// True while the snap takes part in COW decisions: started and valid.
+[[nodiscard]] bool trak_snap_takes_part(const trak_device *snap);
+
+#endif

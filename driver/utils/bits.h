@@ -1,0 +1,38 @@
+// driver/utils/bits.h: bit arrays, least significant bit first
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_UTILS_BITS_H
+#define TRAK_UTILS_BITS_H
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+// Bit n of an array is bit (n & 7) of byte n >> 3, which is bit (n & 31) of little-endian word n >> 5.
+
+// Sets bit n atomically; true when it was set before.
+inline bool trak_test_and_set_bit(std::uint8_t *bits, std::uint64_t n) {
+    const auto mask = static_cast<std::uint8_t>(1u << (n & 7));
+    return (__atomic_fetch_or(bits + (n >> 3), mask, __ATOMIC_SEQ_CST) & mask) != 0;
+}
+
+inline bool trak_test_bit(const std::uint8_t *bits, std::uint64_t n) {
+    return (__atomic_load_n(bits + (n >> 3), __ATOMIC_RELAXED) >> (n & 7)) & 1;
+}
+
+// Bytes that hold n bits: ((n - 1) >> 3) + 1 with a signed shift, as the system counts them.
+inline std::int64_t trak_bitmap_bytes(std::uint64_t n) {
+    return (static_cast<std::int64_t>(n - 1) >> 3) + 1;
+}
+
+// log2 of a power of two; -1 for any other size above 1; 0 for 0 and 1.
+constexpr std::int32_t trak_size_shift(std::uint32_t size) {
+    if (size <= 1)
+        return 0;
+    return std::has_single_bit(size) ? std::countr_zero(size) : -1;
+}
+
+// True when the first n bits are all 0 / all 1. Bits beyond n are not looked at.
+bool trak_bits_all_clear(const std::uint8_t *bits, std::uint64_t n);
+bool trak_bits_all_set(const std::uint8_t *bits, std::uint64_t n);
+
+#endif
