@@ -24,11 +24,12 @@ endfunction()
 # -fno-stack-protector leaves the choice to the module's own build; the rest is what the kernel's
 # makefiles pass.
 function(trak_add_driver_kernelflags)
-  if(TRAK_SANITIZE OR NOT CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|amd64)$")
+  include("${CMAKE_SOURCE_DIR}/driver/sources.cmake")
+  if(TRAK_SANITIZE OR NOT TRAK_DRIVER_SOURCES
+     OR NOT EXISTS "${CMAKE_SOURCE_DIR}/os/user/embed/os_embedded.h"
+     OR NOT CMAKE_SYSTEM_PROCESSOR MATCHES "^(x86_64|amd64)$")
     return()
   endif()
-  include("${CMAKE_SOURCE_DIR}/driver/sources.cmake")
-  list(TRANSFORM TRAK_DRIVER_SOURCES REPLACE "^([^/])" "${CMAKE_SOURCE_DIR}/driver/\\1")
   add_library(driver_kernelflags STATIC EXCLUDE_FROM_ALL ${TRAK_DRIVER_SOURCES})
   set_target_properties(driver_kernelflags PROPERTIES POSITION_INDEPENDENT_CODE OFF)
   target_compile_options(driver_kernelflags PRIVATE ${TRAK_FREESTANDING_FLAGS}

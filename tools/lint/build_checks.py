@@ -32,7 +32,8 @@ def configure(tree):
 
 def check_kernel_flags(tree):
     """The driver compiles as a kernel module does, and needs the seam and nothing else."""
-    if not (tree.root / "driver/sources.cmake").exists():
+    if not any(p.endswith(".cpp") for p in tree.cpp("driver")) or \
+            "os/user/embed/os_embedded.h" not in tree.paths:
         return []
     faults = configure(tree)
     if faults:

@@ -49,8 +49,9 @@ class LintTest(unittest.TestCase):
         self.assertEqual(list(text_checks.check_heads(self.tree(x_DOT_sh=good))), [])
 
     def test_line_of_101_columns_is_a_fault_and_of_100_is_none(self):
-        tree = self.tree(a_DOT_h="x" * 100 + "\n" + "x" * 101 + "\n")
-        self.assertEqual(self.texts(text_checks.check_lengths(tree)), ["a.h:2 columns"])
+        text = "x" * 100 + "\n" + "x" * 101 + "\n// " + "x" * 107 + "\n// " + "x" * 108 + "\n"
+        faults = text_checks.check_lengths(self.tree(a_DOT_h=text))
+        self.assertEqual(self.texts(faults), ["a.h:2 columns", "a.h:4 columns"])
 
     def test_function_of_71_lines_is_a_fault_and_of_70_is_none(self):
         def function(name, count):
