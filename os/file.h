@@ -47,7 +47,8 @@ struct os_dentry *os_path_lookup(const char *path, int follow) OS_MUST_CHECK;
 void os_dput(struct os_dentry *dentry);
 bool os_dentry_positive(const struct os_dentry *dentry); /* has an inode */
 const char *os_dentry_name(const struct os_dentry *dentry);
-uint32_t os_dentry_mode(const struct os_dentry *dentry); /* type and permission bits */
+uint32_t os_dentry_mode(const struct os_dentry *dentry);     /* type and permission bits */
+const void *os_dentry_inode(const struct os_dentry *dentry); /* its identity, for messages */
 uint64_t os_dentry_ino(const struct os_dentry *dentry);
 os_dev_t os_dentry_rdev(const struct os_dentry *dentry); /* device number of a special file */
 /* Device number of the block device under the entry's file system; 0 where it has none. */
@@ -63,6 +64,7 @@ bool os_parent_last_is_normal(const struct os_parent *parent);
 bool os_parent_last_has_tail(const struct os_parent *parent);
 /* The entry of the last component, without an inode where none exists. Parent locked. */
 struct os_dentry *os_lookup_hash(struct os_parent *parent) OS_MUST_CHECK;
+/* -ENOENT for an entry without an inode; os_vfs_mknod -EEXIST for one that has one. Parent locked. */
 int os_vfs_unlink(struct os_parent *parent, struct os_dentry *dentry) OS_MUST_CHECK;
 int os_vfs_mknod(struct os_parent *parent, struct os_dentry *dentry, uint32_t mode,
                  os_dev_t dev) OS_MUST_CHECK;
