@@ -36,7 +36,7 @@ void zuread_unlock(zurwlock *lock) TRAK_RELEASE_SHARED(lock);
 void zuwrite_lock(zurwlock *lock) TRAK_ACQUIRE(lock);
 void zuwrite_unlock(zurwlock *lock) TRAK_RELEASE(lock);
 // Takes the lock for writing only when it is free (or the caller writes already); never sleeps.
-[[nodiscard]] bool zuwrite_trylock(zurwlock *lock);
+[[nodiscard]] bool zuwrite_trylock(zurwlock *lock) TRAK_TRY_ACQUIRE(true, lock);
 
 void zumutex_init(zumutex *mutex, const os_lock_class *cls);
 void zumutex_lock(zumutex *mutex) TRAK_ACQUIRE(mutex);

@@ -13,6 +13,15 @@
 extern trak_device **trak_blkdev_arr;
 extern zurwlock trak_blkdev_rwlock;
 
+// Readies the lock. Called once by the module's load, before anything can ask for a node; the control
+// device and the status tree are there before the block side is, and find no table then.
+void trak_table_init();
+// Allocates the empty table: 0 or -ENOMEM, which a trak_max_blk_minor that no device number can hold
+// (negative ones count as unsigned) gives too. Takes the lock. Context: sleep.
+[[nodiscard]] int trak_table_create() TRAK_EXCLUDES(trak_blkdev_rwlock);
+// Frees the table, whose entries are empty, if there is one. The lock is held for writing.
+void trak_table_destroy() TRAK_REQUIRES(trak_blkdev_rwlock);
+
 // The record of a minor, or null: no table, beyond the table, or no node. The lock is held at least
 // for reading.
 [[nodiscard]] trak_device *trak_find_device(std::uint32_t minor)

@@ -34,5 +34,7 @@ constexpr std::int32_t trak_size_shift(std::uint32_t size) {
 // True when the first n bits are all 0 / all 1. Bits beyond n are not looked at.
 bool trak_bits_all_clear(const std::uint8_t *bits, std::uint64_t n);
 bool trak_bits_all_set(const std::uint8_t *bits, std::uint64_t n);
+// Stores `byte` into each of the bytes, in pieces that a reader without the owner's lock may look at.
+void trak_bits_fill(std::uint8_t *bits, std::uint8_t byte, std::uint64_t bytes);
 
 #endif
