@@ -18,22 +18,30 @@
 
 namespace {
 
-bool readers_may_enter(const zurwlock *lock) {
-    return lock->count >= 0;
+// What a task waits for: that it may enter as a reader or as the writer, or (where give_up is set)
+// that give_up holds.
+struct wish {
+    enum os_lock_mode mode;
+    zurwlock_give_up_fn give_up;
+    const void *arg;
+};
+
+bool may_enter(const zurwlock *lock, const wish &wish) {
+    return wish.mode == OS_LOCK_SHARED ? lock->count >= 0 : lock->count == 0;
 }
 
-bool writer_may_enter(const zurwlock *lock) {
-    return lock->count == 0;
+bool wait_ends(const zurwlock *lock, const wish &wish) {
+    return may_enter(lock, wish) || (wish.give_up != nullptr && wish.give_up(wish.arg));
 }
 
-// Sleeps until may_enter holds. `spin` is held on entry and on exit, not in between.
-void wait_until(zurwlock *lock, bool (*may_enter)(const zurwlock *)) {
-    if (may_enter(lock))
+// Sleeps until the wish holds. `spin` is held on entry and on exit, not in between.
+void wait_until(zurwlock *lock, const wish &wish) {
+    if (wait_ends(lock, wish))
         return;
     os_wait_entry entry;
     os_init_wait_entry(&entry);
     os_prepare_to_wait(&lock->wait, &entry, OS_WAIT_UNINTERRUPTIBLE);
-    while (!may_enter(lock)) {
+    while (!wait_ends(lock, wish)) {
         os_spin_unlock(&lock->spin);
         os_schedule();
         os_spin_lock(&lock->spin);
@@ -63,8 +71,29 @@ void zurwlock_init(zurwlock *lock, const os_lock_class *cls) {
 TRAK_NO_THREAD_SAFETY_ANALYSIS void zuread_lock(zurwlock *lock) {
     os_lock_acquire(lock->cls, lock, OS_LOCK_SHARED);
     os_spin_lock(&lock->spin);
-    wait_until(lock, readers_may_enter);
+    wait_until(lock, {OS_LOCK_SHARED, nullptr, nullptr});
     lock->count += 1;
+    os_spin_unlock(&lock->spin);
+}
+
+TRAK_NO_THREAD_SAFETY_ANALYSIS bool zuread_lock_unless(zurwlock *lock, zurwlock_give_up_fn give_up,
+                                                       const void *arg) {
+    const wish wish{OS_LOCK_SHARED, give_up, arg};
+    os_lock_acquire(lock->cls, lock, OS_LOCK_SHARED);
+    os_spin_lock(&lock->spin);
+    wait_until(lock, wish);
+    const bool entered = may_enter(lock, wish);
+    if (entered)
+        lock->count += 1;
+    os_spin_unlock(&lock->spin);
+    if (!entered)
+        os_lock_release(lock->cls, lock);
+    return entered;
+}
+
+void zurwlock_poke(zurwlock *lock) {
+    os_spin_lock(&lock->spin);
+    os_wake_up(&lock->wait);
     os_spin_unlock(&lock->spin);
 }
 
@@ -80,14 +109,14 @@ TRAK_NO_THREAD_SAFETY_ANALYSIS void zuread_unlock(zurwlock *lock) {
     if (held)
         os_lock_release(lock->cls, lock);
     else
-        trak_logf(TRAK_LOG_ERROR, "%s(): Can't release RO lock: not locked.");
+        trak_log(TRAK_LOG_ERROR, "zuread_unlock(): Can't release RO lock: not locked.");
 }
 
 TRAK_NO_THREAD_SAFETY_ANALYSIS void zuwrite_lock(zurwlock *lock) {
     os_lock_acquire(lock->cls, lock, OS_LOCK_EXCLUSIVE);
     os_spin_lock(&lock->spin);
     if (!writes_already(lock)) {
-        wait_until(lock, writer_may_enter);
+        wait_until(lock, {OS_LOCK_EXCLUSIVE, nullptr, nullptr});
         lock->owner = os_current();
     }
     lock->count -= 1;
@@ -96,7 +125,7 @@ TRAK_NO_THREAD_SAFETY_ANALYSIS void zuwrite_lock(zurwlock *lock) {
 
 TRAK_NO_THREAD_SAFETY_ANALYSIS bool zuwrite_trylock(zurwlock *lock) {
     os_spin_lock(&lock->spin);
-    const bool entered = writes_already(lock) || writer_may_enter(lock);
+    const bool entered = writes_already(lock) || lock->count == 0;
     if (entered) {
         lock->owner = os_current();
         lock->count -= 1;
@@ -121,7 +150,7 @@ TRAK_NO_THREAD_SAFETY_ANALYSIS void zuwrite_unlock(zurwlock *lock) {
     if (held)
         os_lock_release(lock->cls, lock);
     else
-        trak_logf(TRAK_LOG_ERROR, "%s(): Can't release RW lock: not owner.");
+        trak_log(TRAK_LOG_ERROR, "zuwrite_unlock(): Can't release RW lock: not owner.");
 }
 
 void zumutex_init(zumutex *mutex, const os_lock_class *cls) {
@@ -143,7 +172,7 @@ TRAK_NO_THREAD_SAFETY_ANALYSIS void zumutex_lock(zumutex *mutex) {
 
 TRAK_NO_THREAD_SAFETY_ANALYSIS void zumutex_unlock(zumutex *mutex) {
     if (!holds_mutex(mutex)) {
-        trak_logf(TRAK_LOG_ERROR, "%s(): Can't unlock mutex: not owner.");
+        trak_log(TRAK_LOG_ERROR, "zumutex_unlock(): Can't unlock mutex: not owner.");
         return;
     }
     const os_lock_class *cls = mutex->cls;

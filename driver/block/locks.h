@@ -32,6 +32,13 @@ struct TRAK_CAPABILITY("zumutex") zumutex {
 
 void zurwlock_init(zurwlock *lock, const os_lock_class *cls);
 void zuread_lock(zurwlock *lock) TRAK_ACQUIRE_SHARED(lock);
+// As zuread_lock, but gives up (false, nothing held) when it would have to wait and give_up(arg)
+// holds, which is asked under `spin` and must neither sleep nor lock. Whoever makes it hold pokes the
+// lock afterwards, so that those who wait ask again. For a reader whom the writer waits for.
+using zurwlock_give_up_fn = bool (*)(const void *arg);
+[[nodiscard]] bool zuread_lock_unless(zurwlock *lock, zurwlock_give_up_fn give_up, const void *arg)
+    TRAK_TRY_ACQUIRE_SHARED(true, lock);
+void zurwlock_poke(zurwlock *lock);
 void zuread_unlock(zurwlock *lock) TRAK_RELEASE_SHARED(lock);
 void zuwrite_lock(zurwlock *lock) TRAK_ACQUIRE(lock);
 void zuwrite_unlock(zurwlock *lock) TRAK_RELEASE(lock);

@@ -17,6 +17,7 @@
 #define TRAK_ACQUIRE(...) TRAK_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TRAK_ACQUIRE_SHARED(...) TRAK_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define TRAK_TRY_ACQUIRE(...) TRAK_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define TRAK_TRY_ACQUIRE_SHARED(...) TRAK_ATTRIBUTE(try_acquire_shared_capability(__VA_ARGS__))
 #define TRAK_RELEASE(...) TRAK_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TRAK_RELEASE_SHARED(...) TRAK_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define TRAK_EXCLUDES(...) TRAK_ATTRIBUTE(locks_excluded(__VA_ARGS__))
