@@ -38,15 +38,21 @@ def check_kernel_flags(tree):
     faults = configure(tree)
     if faults:
         return faults
+    targets = ["driver_kernelflags"]
+    if "os/sim/embed/os_embedded.h" in tree.paths:
+        targets.append("driver_sim")
     status, output = run_tool(tree, ["cmake", "--build", "build/dev", "-j", str(tree.jobs),
-                                     "--target", "driver_kernelflags"], timeout=900)
+                                     "--target", *targets], timeout=900)
     if status != 0:
         errors = re.findall(r"^(\S+?):(\d+):\d+: error: (.*)$", output, re.M)
-        return [Fault(os.path.relpath(f, tree.root) if f.startswith(str(tree.root)) else f, int(n),
+        return [Fault(os.path.relpath(tree.root / "build/dev" / f, tree.root), int(n),
                       "kernel-flags", text) for f, n, text in errors] or \
             [Fault("cmake/TrakDriver.cmake", 1, "kernel-flags", output.strip()[-1500:])]
     library = next(tree.root.glob("build/dev/**/libdriver_kernelflags.a"))
-    return undefined_symbols(tree, library) + constructors(tree, library)
+    faults = undefined_symbols(tree, library) + constructors(tree, library)
+    for library in tree.root.glob("build/dev/**/libdriver_sim.a"):
+        faults += stray_state(tree, library)
+    return faults
 
 
 def undefined_symbols(tree, library):
@@ -73,6 +79,21 @@ def constructors(tree, library):
         if CONSTRUCTOR_SECTIONS.search(line):
             faults.append(Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
                                 f"has {line.split()[1]}: no static constructors in the driver"))
+    return faults
+
+
+def stray_state(tree, library):
+    """Variables that a simulated reboot would not reset, because OS_MODULE_STATE is missing."""
+    _, output = run_tool(tree, ["objdump", "-t", str(library)])
+    member, faults = "?", []
+    for line in output.splitlines():
+        head = re.match(r"(\S+):\s+file format", line)
+        member = head[1] if head else member
+        match = re.match(r"[0-9a-f]+ .{6}O (\.(?:t?data|t?bss)(?!\.rel\.ro)\S*|\*COM\*)\s+"
+                         r"[0-9a-f]+ (?:\.hidden )?(\S+)", line)
+        if match:
+            faults.append(Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+                                f"{match[2]} is in {match[1]}: declare it with OS_MODULE_STATE"))
     return faults
 
 

@@ -163,6 +163,17 @@ class LintTest(unittest.TestCase):
         faults = build_checks.constructors(sources.Tree(self.folder.name), library)
         self.assertTrue(faults and "init_array" in faults[0].text, faults)
 
+    def test_mutable_variable_outside_the_module_state_is_a_fault(self):
+        library = self.library(
+            'int one = 1; static int two; int *use() { return two++ ? &two : &one; }\n'
+            '__attribute__((section("os_module_state"))) int three = 3;\n'
+            'extern const int four = 4; inline constexpr int five = 5; const int *g = &five;\n')
+        faults = build_checks.stray_state(sources.Tree(self.folder.name), library)
+        names = " ".join(f.text.split()[0] for f in faults)
+        self.assertRegex(names, r"\bone\b")
+        self.assertRegex(names, r"two")
+        self.assertNotRegex(names, r"three|four|five")
+
 
 if __name__ == "__main__":
     unittest.main()
