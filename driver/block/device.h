@@ -38,7 +38,10 @@ struct trak_filter {
     std::uint64_t dev_size;  // bytes
     char bmp_dir[TRAK_PATH_SIZE];
 
-    trak_list snaps;  // by snap_rwlock for writing with trak_blkdev_rwlock; read under either
+    // The snaps, oldest start first (never started ones in the order of creation). Changed under
+    // trak_blkdev_rwlock (any) with snap_rwlock held for writing; read under snap_rwlock held for
+    // reading, or dev_mutex of the filter with trak_blkdev_rwlock, or the latter held for writing.
+    trak_list snaps;
 
     zumutex bmp_mutex;     // saving, loading and flag writes of the two bitmaps, one at a time
     os_spinlock bmp_spin;  // the bits and the two dirty flags
@@ -75,16 +78,19 @@ struct trak_snap {
     trak_blkbmp blkbmp;
     std::int64_t cow_data_size;  // bytes
     std::int32_t cow_bmp_size;   // bytes
+    // Written with the filter's snap_rwlock held for writing; read with trak_read_once.
     std::uint32_t snap_valid;
     std::uint32_t stop_pending;
     std::uint32_t del_pending;
+    trak_atomic32 marking;  // 1: bits were set in memory that are not yet durable in their file
 };
 
 struct trak_device {
     std::uint32_t dev_type;
     os_disk *disk;
     os_bdev *last_open_bdev;  // by dev_mutex
-    std::uint32_t started;    // written under dev_mutex; read with trak_read_once
+    std::uint32_t started;    // written under dev_mutex (a snap's also with its filter's
+                              // snap_rwlock held for writing); read with trak_read_once
     trak_atomic32 use_cnt;
     zumutex dev_mutex;
     std::int32_t minor;

@@ -25,6 +25,7 @@ struct trak_cowqueue {
     os_spinlock spin;
     trak_atomic32 cnt;
     os_wait_queue_head wait;
+    std::uint32_t removed;  // by spin: requests taken out so far, always the head of the moment
 };
 
 struct cow_request {
@@ -49,11 +50,15 @@ struct cow_block {
 // 1 when a queued read (reads != 0) or write (writes != 0) overlaps the bio's sectors, else 0.
 [[nodiscard]] int trak_cowqueue_find_overlap_req(trak_cowqueue *queue, int reads, int writes,
                                                  os_bio *bio);
+// The same for a range of sectors.
+[[nodiscard]] int trak_cowqueue_find_overlap_range(trak_cowqueue *queue, int reads, int writes,
+                                                   std::uint64_t sector, std::uint64_t sectors);
 // Takes a request out and frees it; spin held by the caller; the bio is not touched.
 void trak_cowqueue_remove(trak_cowqueue *queue, cow_request *request);
 int trak_cowqueue_purge(trak_cowqueue *queue);  // every queued bio ends with -EIO; 0
 int trak_cowqueue_destroy(trak_cowqueue *queue);
-// Queues a bio under the minor of the filter's newest started snap (0: none started).
+// Queues a bio under the minor of the filter's newest started snap (0: none started). The filter's
+// snap_rwlock is held for reading.
 [[nodiscard]] int queue_req(trak_device *filter, os_bio *bio, os_gfp gfp);
 
 #endif

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 
+#include "driver/utils/atomic.h"
 #include "os/bio.h"
 #include "os/lock.h"
 
@@ -16,7 +17,15 @@ struct trak_cowthread {
     std::int32_t pid;  // 0: not running
     trak_device *owner;
     os_completion exited;
+    os_completion ready;   // signalled once the working set is there, or failed
+    std::uint32_t failed;  // 1: the working set could not be had; the thread ends by itself
 };
+
+// True while the thread serves its queue. Exact with the filter's snap_rwlock held.
+[[nodiscard]] inline bool trak_cowthread_running(const trak_cowthread *thread) {
+    return trak_read_once(thread->pid) != 0 && trak_read_once(thread->stop) == 0 &&
+           trak_read_once(thread->failed) == 0;
+}
 
 // All sleep. 0, -EINVAL, -EALREADY or the errno of the thread's start.
 [[nodiscard]] int trak_cowthread_start(trak_cowthread *thread, const char *name,

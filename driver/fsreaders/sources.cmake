@@ -1,0 +1,7 @@
+# driver/fsreaders/sources.cmake: which chunks of a disk hold data
+# SPDX-License-Identifier: GPL-2.0-only
+list(APPEND TRAK_DRIVER_SOURCES
+     fsreaders/blkbmp.cpp
+     fsreaders/datablock_commands.cpp
+     fsreaders/readers.cpp
+     fsreaders/sparse_array.cpp)
