@@ -163,7 +163,7 @@ static int count_file(const char *path, uint64_t count, uint64_t *total) {
     return rc;
 }
 
-int trak_cow_usage(const struct trak_info_arg *snap, struct trak_cow_usage *out) {
+int trak_cow_usage_get(const struct trak_info_arg *snap, struct trak_cow_usage *out) {
     memset(out, 0, sizeof(*out));
     if (snap->dev_type != TRAK_DEV_SNAP || snap->chunk_size == 0 || snap->dev_size == 0)
         return -EINVAL;

@@ -220,7 +220,7 @@ struct trak_cow_usage {
     uint64_t bytes_allocated; /* what the COW data file really takes on its file system */
     uint64_t volume_bytes;
 };
-TRAK_MUST int trak_cow_usage(const struct trak_info_arg *snap, struct trak_cow_usage *out);
+TRAK_MUST int trak_cow_usage_get(const struct trak_info_arg *snap, struct trak_cow_usage *out);
 
 #ifdef __cplusplus
 }
