@@ -97,8 +97,8 @@ def stray_state(tree, library):
     return faults
 
 
-def tidy_database(tree):
-    """Clang's compile commands: one for each source, the driver's as the user platform has it."""
+def tidy_commands(tree):
+    """{path: arguments}: Clang's command for each source; the driver's as the user platform's."""
     chosen = {}
     for entry in json.loads((tree.root / "build/dev/compile_commands.json").read_text()):
         path = os.path.relpath(entry["file"], tree.root)
@@ -107,14 +107,35 @@ def tidy_database(tree):
         words = [w for w in shlex.split(entry["command"]) if not GCC_ONLY.fullmatch(w)]
         while words and "ccache" in Path(words[0]).name:
             words.pop(0)
+        # Neither what is compiled nor where to: those are added per run.
+        drop = {words.index(w) + n for w in ("-o", "-c") if w in words for n in (0, 1)}
+        words = [w for n, w in enumerate(words) if n not in drop and w != entry["file"]]
         rank = 0 if "driver_user" in entry["command"] else 1
         if path not in chosen or rank < chosen[path][0]:
-            chosen[path] = (rank, {"directory": entry["directory"], "file": entry["file"],
-                                   "arguments": words})
-    folder = tree.root / "build/lint"
-    folder.mkdir(parents=True, exist_ok=True)
-    (folder / "compile_commands.json").write_text(json.dumps([e for _, e in chosen.values()]))
-    return sorted(chosen)
+            chosen[path] = (rank, [*words, "-Wthread-safety", "-Wno-unknown-warning-option"])
+    return {path: words for path, (_, words) in chosen.items()}
+
+
+def tidy_units(tree, commands):
+    """[(file, arguments)] to run clang-tidy on. Most of its time goes into the headers, so the C++
+    sources of a folder with the same command are joined into one file, where that compiles (two of
+    them may define the same name)."""
+    groups, units = {}, []
+    for path, words in sorted(commands.items()):
+        folder = next(f for f in TIDY_FOLDERS if path.startswith(f + "/"))
+        key = (folder, *words) if path.endswith(".cpp") else (path, *words)
+        groups.setdefault(key, []).append(path)
+    for number, (key, paths) in enumerate(groups.items()):
+        if len(paths) > 1:
+            joined = tree.root / f"build/lint/joined_{number}.cpp"
+            joined.write_text("".join(f'#include "{tree.root / p}"\n' for p in paths))
+            words = ["clang++-14", *key[2:], "-w", "-fsyntax-only", str(joined)]
+            if run_tool(tree, words)[0] == 0:
+                units.append((str(joined), list(key[1:])))
+                continue
+        units += [(str(tree.root / path), list(key[1:])) for path in paths]
+    # The joined ones are the long ones; none of them is to be left for the end.
+    return sorted(units, key=lambda unit: "/build/lint/" not in unit[0])
 
 
 def check_tidy(tree):
@@ -124,28 +145,24 @@ def check_tidy(tree):
     faults = configure(tree)
     if faults:
         return faults
-    sources = tidy_database(tree)
+    folder = tree.root / "build/lint"
+    folder.mkdir(parents=True, exist_ok=True)
 
-    def tidy(path):
+    def tidy(unit):
+        path, words = unit
         try:
-            return path, *run_tool(tree, ["clang-tidy-14", "-p", "build/lint", "--quiet",
-                                          "--extra-arg=-Wthread-safety",
-                                          "--extra-arg=-Wno-unknown-warning-option", path],
-                                   timeout=600)
+            return path, *run_tool(tree, ["clang-tidy-14", "--quiet", "--config-file=.clang-tidy",
+                                          path, "--", *words[1:]], timeout=900)
         except subprocess.TimeoutExpired:
-            return path, 124, f"{path}:1:1: error: clang-tidy took more than 600 s [timeout]"
+            return path, 124, f"{path}:1:1: error: clang-tidy took more than 900 s [timeout]"
 
     with ThreadPoolExecutor(tree.jobs) as pool:
-        for path, status, output in pool.map(tidy, biggest_first(tree, sources)):
+        for path, status, output in pool.map(tidy, tidy_units(tree, tidy_commands(tree))):
             found = re.findall(r"^(\S+?):(\d+):\d+: (?:error|warning): (.*)$", output, re.M)
             for file, line, text in found:
                 name = os.path.relpath(file, tree.root) if os.path.isabs(file) else file
                 faults.append(Fault(name, int(line), "tidy", text))
             if status != 0 and not found:
-                faults.append(Fault(path, 1, "tidy", output.strip()[-500:]))
+                faults.append(Fault(os.path.relpath(path, tree.root), 1, "tidy",
+                                    output.strip()[-500:]))
     return sorted(set(faults))
-
-
-def biggest_first(tree, sources):
-    """So that no long one is left for the end, when the other processors have nothing to do."""
-    return sorted(sources, key=lambda p: -(tree.root / p).stat().st_size)
