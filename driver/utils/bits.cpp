@@ -1,4 +1,4 @@
-// driver/utils/bits.cpp: tests and fills of whole bit arrays
+// driver/utils/bits.cpp: operations on whole bit arrays
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // Bit arrays change under the feet of whoever looks at them without the owner's lock. Every access
@@ -37,6 +37,26 @@ bool all_bits_are(const std::uint8_t *bits, std::uint64_t n, std::uint8_t byte) 
     return ((__atomic_load_n(end, __ATOMIC_RELAXED) ^ byte) & mask) == 0;
 }
 
+// Replaces every piece of the array by change(old piece, the same piece of `from`).
+template <typename Change>
+void change_all(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes, Change change) {
+    std::uint64_t i = 0;
+    if (word_aligned(bits)) {
+        for (; bytes - i >= word_bytes; i += word_bytes) {
+            auto *word = reinterpret_cast<std::uint64_t *>(bits + i);
+            std::uint64_t with;
+            __builtin_memcpy(&with, from + i, word_bytes);
+            __atomic_store_n(word, change(__atomic_load_n(word, __ATOMIC_RELAXED), with),
+                             __ATOMIC_RELAXED);
+        }
+    }
+    for (; i < bytes; ++i) {
+        const std::uint64_t old = __atomic_load_n(bits + i, __ATOMIC_RELAXED);
+        __atomic_store_n(bits + i, static_cast<std::uint8_t>(change(old, from[i])),
+                         __ATOMIC_RELAXED);
+    }
+}
+
 }  // namespace
 
 bool trak_bits_all_clear(const std::uint8_t *bits, std::uint64_t n) {
@@ -60,4 +80,17 @@ void trak_bits_fill(std::uint8_t *bits, std::uint8_t byte, std::uint64_t bytes) 
             ++at;
         }
     }
+}
+
+void trak_bits_copy(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes) {
+    change_all(bits, from, bytes, [](std::uint64_t, std::uint64_t with) { return with; });
+}
+
+void trak_bits_or(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes) {
+    change_all(bits, from, bytes, [](std::uint64_t old, std::uint64_t with) { return old | with; });
+}
+
+void trak_bits_clear_those(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes) {
+    change_all(bits, from, bytes,
+               [](std::uint64_t old, std::uint64_t with) { return old & ~with; });
 }

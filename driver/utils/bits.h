@@ -36,5 +36,10 @@ bool trak_bits_all_clear(const std::uint8_t *bits, std::uint64_t n);
 bool trak_bits_all_set(const std::uint8_t *bits, std::uint64_t n);
 // Stores `byte` into each of the bytes, in pieces that a reader without the owner's lock may look at.
 void trak_bits_fill(std::uint8_t *bits, std::uint8_t byte, std::uint64_t bytes);
+// In the same pieces: bits = from, bits |= from, bits &= ~from. The owner's lock keeps other writers out;
+// `from` is the caller's own and as aligned as an allocation.
+void trak_bits_copy(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes);
+void trak_bits_or(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes);
+void trak_bits_clear_those(std::uint8_t *bits, const std::uint8_t *from, std::uint64_t bytes);
 
 #endif
