@@ -83,6 +83,7 @@ struct trak_snap {
     std::uint32_t stop_pending;
     std::uint32_t del_pending;
     trak_atomic32 marking;  // 1: bits were set in memory that are not yet durable in their file
+    trak_device *before;  // by whoever stops or destroys several snaps: the one done before this
 };
 
 struct trak_device {
@@ -101,6 +102,7 @@ struct trak_device {
         trak_filter filter;
         trak_snap snap;
     };
+    trak_list orphan_link;  // by trak_blkdev_rwlock: among nodes that lost their table entry
 };
 
 inline bool trak_is_filter(const trak_device *dev) {

@@ -1,0 +1,178 @@
+// driver/block/destroy.cpp: taking nodes away
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// All of it runs with the node table held for writing: no request, no open and no command is in a node
+// meanwhile, and those that wait for the table find the entry empty afterwards.
+//
+// The destroy of a snap may set off that of the next one, whose delete was postponed. Each record goes
+// only after those that followed from it, so the chain is walked forth (taking down) and back (freeing).
+#include "driver/block/kdirtyd.h"
+#include "driver/block/lifecycle.h"
+#include "driver/control/proc.h"
+#include "driver/module/log.h"
+#include "driver/module/params.h"
+#include "driver/snap/snap_node.h"
+#include "driver/snap/trak_cowqueue_26.h"
+#include "os/log.h"
+#include "os/memory.h"
+
+namespace {
+
+constexpr const char *me = "trak_block_destroy_device";
+constexpr int dirty_request_seconds = 10;
+
+// 0 with *postponed set to 1 for a snap that is deleted later.
+int check_destroy(trak_device *dev, int *postponed) {
+    *postponed = 0;
+    trak_log(TRAK_LOG_MILESTONE, "%s(): Destroying trak(%d, %d)", me, trak_blk_major, dev->minor);
+    if (dev->use_cnt.load() != 0) {
+        trak_log(TRAK_LOG_ERROR, "%s(): trak(%d, %d)is still being used.", me, trak_blk_major,
+                 dev->minor);
+        return -EBUSY;
+    }
+    if (trak_read_once(dev->started) == 0)
+        return 0;
+    if (!trak_is_filter(dev) && trak_read_once(dev->snap.stop_pending) != 0) {
+        trak_write_once(dev->snap.del_pending, 1u);
+        trak_log(TRAK_LOG_MILESTONE,
+                 "%s(): STOP is pending for trak(%d, %d). Postponing delete as well.", me,
+                 trak_blk_major, dev->minor);
+        *postponed = 1;
+        return 0;
+    }
+    trak_log(TRAK_LOG_ERROR, "%s(): Can't destroy started trak(%d, %d). Stop it first!", me,
+             trak_blk_major, dev->minor);
+    return -EBUSY;
+}
+
+// The path is made from the name: a long name's path does not fit into dev_name.
+void remove_special_file(const trak_device *dev) {
+    if (dev->dev_name[0] == '\0')
+        return;
+    char path[sizeof "/dev/trak/" + TRAK_NAME_SIZE];
+    os_snprintf(path, sizeof path, "/dev/trak/%s", dev->name);
+    trak_unlink(path);
+}
+
+void remove_disk(trak_device *dev) {
+    if (dev->disk == nullptr)
+        return;
+    os_del_gendisk(dev->disk);
+    if (os_queue *queue = os_disk_queue(dev->disk))
+        os_cleanup_queue(queue);
+    os_put_disk(dev->disk);
+    dev->disk = nullptr;
+}
+
+void remove_from_sight(trak_device *dev) {
+    remove_special_file(dev);
+    trak_proc_del_device(dev);
+}
+
+// The last step of a node: its record and its table entry (an orphan has none; another node may).
+void finish(trak_device *dev) TRAK_REQUIRES(trak_blkdev_rwlock) {
+    const std::int32_t minor = dev->minor;
+    if (trak_find_device(static_cast<std::uint32_t>(minor)) == dev)
+        trak_blkdev_arr[minor] = nullptr;
+    else
+        trak_list_del(&dev->orphan_link);
+    if (trak_is_filter(dev))
+        trak_free_after_dirty_requests(dev);
+    else
+        os_kfree(dev);
+    trak_log(TRAK_LOG_DETAIL, "%s(): trak(%d, %d) has been destroyed successfully", me,
+             trak_blk_major, minor);
+}
+
+// Everything of a snap but its record. *done stays 0 where the delete was postponed.
+int take_down_snap(trak_device *dev, int unlink_files, int *done)
+    TRAK_REQUIRES(trak_blkdev_rwlock) {
+    int postponed;
+    *done = 0;
+    const int rc = check_destroy(dev, &postponed);
+    if (rc != 0 || postponed != 0)
+        return rc;
+    trak_snap_detach(dev, unlink_files);
+    remove_from_sight(dev);
+    remove_disk(dev);
+    *done = 1;
+    return 0;
+}
+
+// The filter's oldest snap when its delete was postponed, else null.
+trak_device *next_to_delete(trak_filter *filter) {
+    if (trak_list_empty(&filter->snaps))
+        return nullptr;
+    trak_device *oldest = trak_device_of_link(filter->snaps.next);
+    return trak_read_once(oldest->snap.del_pending) != 0 ? oldest : nullptr;
+}
+
+int destroy_snap(trak_device *first, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock) {
+    trak_filter *filter = &first->snap.filter->filter;
+    int done;
+    const int rc = take_down_snap(first, unlink_files, &done);
+    if (rc != 0 || done == 0)
+        return rc;
+    trak_device *last = first;
+    last->snap.before = nullptr;
+    while (trak_device *next = next_to_delete(filter)) {
+        if (take_down_snap(next, unlink_files, &done) != 0 || done == 0)
+            break;
+        next->snap.before = last;
+        last = next;
+    }
+    while (last != nullptr) {
+        trak_device *before = last->snap.before;
+        finish(last);
+        last = before;
+    }
+    return 0;
+}
+
+int destroy_snaps_of(trak_filter *filter, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock) {
+    while (!trak_list_empty(&filter->snaps)) {
+        const trak_list *oldest = filter->snaps.next;
+        trak_device *snap = trak_device_of_link(filter->snaps.next);
+        trak_log(TRAK_LOG_DETAIL, "%s(): Deleting associated snap trak(%d, %d)", me, trak_blk_major,
+                 snap->minor);
+        const int rc = destroy_snap(snap, unlink_files);
+        if (rc != 0)
+            return rc;
+        if (filter->snaps.next == oldest)  // only marked: it runs on, and needs its filter
+            return -EBUSY;
+    }
+    return 0;
+}
+
+int destroy_filter(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock) {
+    trak_filter *filter = &dev->filter;
+    int postponed;
+    int rc = check_destroy(dev, &postponed);
+    if (rc != 0)
+        return rc;
+    rc = destroy_snaps_of(filter, unlink_files);
+    if (rc != 0)
+        return rc;
+    trak_cowqueue_destroy(&filter->cowqueue);
+    trak_aio_destroy(&filter->aio, 0);
+    trak_yield_to_dirty_requests(filter, dirty_request_seconds);
+    remove_from_sight(dev);
+    os_vfree(filter->incr_bmp);
+    os_vfree(filter->diff_bmp);
+    filter->incr_bmp = filter->diff_bmp = nullptr;
+    trak_close_bdev(filter->hdd_bdev);
+    remove_disk(dev);
+    finish(dev);
+    return 0;
+}
+
+}  // namespace
+
+int trak_block_destroy_device(trak_device *dev, int unlink_files) {
+    if (dev == nullptr) {
+        trak_logf(TRAK_LOG_ERROR, "%s(): Internal error: dev==NULL");
+        return -EINVAL;
+    }
+    return trak_is_filter(dev) ? destroy_filter(dev, unlink_files)
+                               : destroy_snap(dev, unlink_files);
+}
