@@ -143,7 +143,7 @@ int trak_blkbmp_read(trak_blkbmp *bmp, os_bdev *bdev, std::uint32_t chunk_size) 
     return rc;
 }
 
-bool trak_blkbmp_test(const trak_blkbmp *bmp, std::uint32_t chunk) {
+bool trak_blkbmp_holds_data(const trak_blkbmp *bmp, std::uint32_t chunk) {
     if (bmp->valid == 0 || chunk >= bmp->chunk_cnt)
         return true;
     const sa *frag = &bmp->frags[chunk >> kFragShift];
@@ -177,7 +177,7 @@ int trak_blkbmp_export(const trak_blkbmp *bmp, std::uint32_t ratio, void *buffer
     for (std::uint64_t o = 0; o < bits; ++o) {
         const std::uint64_t end = (o + 1) * ratio;
         for (; chunk < end && chunk < bmp->chunk_cnt; ++chunk) {
-            if (trak_blkbmp_test(bmp, static_cast<std::uint32_t>(chunk))) {
+            if (trak_blkbmp_holds_data(bmp, static_cast<std::uint32_t>(chunk))) {
                 (void)trak_test_and_set_bit(out, o);
                 break;
             }

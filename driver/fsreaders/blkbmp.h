@@ -36,7 +36,7 @@ int trak_blkbmp_init(trak_blkbmp *bmp);
                                      std::uint32_t size);
 int trak_blkbmp_destroy(trak_blkbmp *bmp);
 // True when the chunk holds data, the bitmap is not built, or does not reach the chunk.
-[[nodiscard]] bool trak_blkbmp_test(const trak_blkbmp *bmp, std::uint32_t chunk);
+[[nodiscard]] bool trak_blkbmp_holds_data(const trak_blkbmp *bmp, std::uint32_t chunk);
 // Size in bytes of the fragment, or -ENOMEM; dry_run != 0 measures only.
 [[nodiscard]] int create_sa(sa *frag, int blk_cnt, int blk_size, const std::uint8_t *bits,
                             int dry_run);
