@@ -37,6 +37,9 @@ class Failure : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The line at the end of a Failure that says how to repeat it; seeds.h sets it for each test.
+void set_replay(std::string line);
+
 // Thrown out of World::run after power_cut(): not an error.
 class PowerCut : public std::runtime_error {
   public:
@@ -59,6 +62,7 @@ struct Options {
     std::uint64_t seed = 1;
     std::uint64_t max_steps = 20'000'000;  // scheduling points before the run counts as a livelock
     bool check_leaks = true;
+    bool short_transfers = false;  // reads and writes of files may move less than was asked
 };
 
 // ---- what survives a boot -------------------------------------------------------------------
@@ -117,6 +121,9 @@ class Disk {
     // A file system is mounted on the disk; somebody else holds it open.
     void set_mounted(bool mounted);
     void set_openers(unsigned others);
+    // The disk's own ioctl operation; without one every ioctl of it gives 0.
+    void
+    set_ioctl(std::function<int(std::uint32_t mode, std::uint32_t cmd, os_uaddr arg)> operation);
     struct Impl;
     std::unique_ptr<Impl> impl;
     Disk();
@@ -142,11 +149,15 @@ class World {
 struct Process;
 Process *spawn(const std::string &name, std::function<void()> fn);
 void join(Process *process);
+void signal(Process *process);              // ends an interruptible sleep
 void yield();                               // a scheduling point
 void sleep_ms(unsigned ms);                 // virtual time
 std::uint64_t random(std::uint64_t below);  // from the seed
 void wait_until(
     const std::function<bool()> &condition);  // yields until it holds; deadlock is found
+
+// What the run decided so far, as one number: the same seed and code give the same.
+std::uint64_t trace();
 
 // Faults. nth counts from 1, from this call on; each call takes its own errno (-ENOMEM, -EFAULT, -EIO).
 void fail_nth(Fault kind, std::uint64_t nth);
@@ -191,10 +202,12 @@ Request *start_request(os_bdev *bdev, std::uint32_t rw, std::uint64_t sector, By
 bool request_done(const Request *request);
 int wait_request(Request *request, Bytes *data);  // frees it; data (may be null) gets what was read
 
-// A file system on a device, for freezing: writers ask may_write() and wait while it is frozen.
+// A file system on a device, for freezing: writes of programs to the device wait while it is frozen.
 void attach_file_system(os_dev_t dev);
 void wait_while_frozen(os_dev_t dev);
 bool is_frozen(os_dev_t dev);
+// What the file system itself writes when it is frozen, in the task that freezes.
+void on_freeze(os_dev_t dev, std::function<void()> fn);
 
 // /proc files of the machine: an error is negative.
 int proc_read(const std::string &path, std::string *text);

@@ -1,0 +1,28 @@
+// os/sim/page.h: a page of the simulated machine
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_OS_SIM_PAGE_H
+#define TRAK_OS_SIM_PAGE_H
+
+#include <cstdint>
+
+#include "os/memory.h"
+#include "os/sim/kernel.h"
+
+inline constexpr std::uint32_t kPageMagic = 0x5b1a9a9e;
+
+struct os_page {
+    std::uint32_t magic;
+    std::uint32_t submitters;  // made by a program for its request, not by os_alloc_page
+    alignas(16) unsigned char data[OS_PAGE_SIZE];
+};
+
+namespace sim {
+
+inline void page_check(const os_page *page, const char *function) {
+    if (page->magic != kPageMagic)
+        fail("%s: not a page, or a page that was freed", function);
+}
+
+}  // namespace sim
+
+#endif
