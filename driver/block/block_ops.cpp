@@ -2,10 +2,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // A node is found by its minor, and must be the one that the disk at hand was made for: a node whose
-// table entry was emptied (see trak_block_orphan_device) counts as unknown, even where another node has
+// table entry was emptied (see orphans.h) counts as unknown, even where another node has
 // taken its minor.
 #include "driver/block/bitmap_file.h"
 #include "driver/block/lifecycle.h"
+#include "driver/block/orphans.h"
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "os/task.h"

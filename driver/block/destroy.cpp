@@ -64,11 +64,6 @@ void remove_disk(trak_device *dev) {
     dev->disk = nullptr;
 }
 
-void remove_from_sight(trak_device *dev) {
-    remove_special_file(dev);
-    trak_proc_del_device(dev);
-}
-
 // The last step of a node: its record and its table entry (an orphan has none; another node may).
 void finish(trak_device *dev) TRAK_REQUIRES(trak_blkdev_rwlock) {
     const std::int32_t minor = dev->minor;
@@ -93,8 +88,8 @@ int take_down_snap(trak_device *dev, int unlink_files, int *done)
     if (rc != 0 || postponed != 0)
         return rc;
     trak_snap_detach(dev, unlink_files);
-    remove_from_sight(dev);
-    remove_disk(dev);
+    remove_special_file(dev);
+    trak_block_hide_device(dev);
     *done = 1;
     return 0;
 }
@@ -156,7 +151,9 @@ int destroy_filter(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev
     trak_cowqueue_destroy(&filter->cowqueue);
     trak_aio_destroy(&filter->aio, 0);
     trak_yield_to_dirty_requests(filter, dirty_request_seconds);
-    remove_from_sight(dev);
+    remove_special_file(dev);
+    if (dev->disk != nullptr)
+        trak_proc_del_device(dev);
     os_vfree(filter->incr_bmp);
     os_vfree(filter->diff_bmp);
     filter->incr_bmp = filter->diff_bmp = nullptr;
@@ -167,6 +164,13 @@ int destroy_filter(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev
 }
 
 }  // namespace
+
+void trak_block_hide_device(trak_device *dev) {
+    if (dev->disk == nullptr)
+        return;
+    trak_proc_del_device(dev);
+    remove_disk(dev);
+}
 
 int trak_block_destroy_device(trak_device *dev, int unlink_files) {
     if (dev == nullptr) {

@@ -83,7 +83,7 @@ struct trak_snap {
     std::uint32_t stop_pending;
     std::uint32_t del_pending;
     trak_atomic32 marking;  // 1: bits were set in memory that are not yet durable in their file
-    trak_device *before;  // by whoever stops or destroys several snaps: the one done before this
+    trak_device *before;    // by whoever stops or destroys several snaps: the one done before this
 };
 
 struct trak_device {

@@ -12,6 +12,7 @@
 #include "driver/block/bitmap_file.h"
 #include "driver/block/lifecycle.h"
 #include "driver/block/lock_ranks.h"
+#include "driver/block/orphans.h"
 #include "driver/block/request.h"
 #include "driver/control/proc.h"
 #include "driver/module/log.h"
@@ -227,7 +228,7 @@ void discard_node(trak_device *dev, std::int32_t minor) TRAK_REQUIRES(trak_blkde
         if (trak_find_device(entry) == dev)
             trak_blkdev_arr[entry] = nullptr;
         else
-            trak_block_orphan_device(entry);
+            trak_orphan_device(entry);
     }
     os_kfree(dev);
 }
@@ -319,6 +320,7 @@ int trak_block_add_disk(const char *function, trak_device *dev, std::uint64_t se
     os_queue_set_data(queue, dev);
     os_queue_set_unplug(queue, unplug);
     os_disk_set_queue(disk, queue);
+    trak_hide_orphans(static_cast<std::uint32_t>(dev->minor));
     os_add_disk(disk);
     dev->disk = disk;
     os_queue_copy_limits(queue, os_bdev_queue(hdd));

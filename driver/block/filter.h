@@ -8,7 +8,7 @@
 #include "driver/block/table.h"
 
 // 0 with the chosen minor, name and identifier in the record, or a negative errno. A refusal for a minor
-// that is taken empties that minor's table entry (see trak_block_orphan_device).
+// that is taken empties that minor's table entry (see orphans.h).
 int trak_ioctl_add_filter_node(trak_add_filter_arg *arg);
 
 // Makes and publishes the node's disk and queue: capacity in sectors, queue limits of hdd, requests to

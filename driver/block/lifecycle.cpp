@@ -11,6 +11,7 @@
 
 #include "driver/block/bitmap_file.h"
 #include "driver/block/kdirtyd.h"
+#include "driver/block/orphans.h"
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "driver/snap/snap_node.h"
@@ -22,7 +23,6 @@ constexpr const char *driver_name = "trak";
 constexpr int unknown_minor_of_del = 22;  // EINVAL without its sign, as callers of delete know it
 
 OS_MODULE_STATE constinit std::uint32_t registered = 0;
-OS_MODULE_STATE constinit trak_list orphans{&orphans, &orphans};  // by trak_blkdev_rwlock
 
 std::uint32_t blk_major() {
     return static_cast<std::uint32_t>(trak_blk_major);
@@ -188,8 +188,11 @@ int stop_all() {
         if (rc != 0)
             return rc;
     }
-    for (trak_list *link = orphans.next; link != &orphans; link = link->next) {
-        const int rc = trak_block_stop_device(trak_container_of(link, trak_device, orphan_link));
+    for (trak_device *dev = trak_next_orphan(nullptr); dev != nullptr;
+         dev = trak_next_orphan(dev)) {
+        if (trak_read_once(dev->started) == 0)
+            continue;
+        const int rc = trak_block_stop_device(dev);
         if (rc != 0)
             return rc;
     }
@@ -206,9 +209,8 @@ int destroy_all() {
         if (rc != 0)
             return rc;
     }
-    while (!trak_list_empty(&orphans)) {
-        const int rc =
-            trak_block_destroy_device(trak_container_of(orphans.next, trak_device, orphan_link), 0);
+    while (trak_device *dev = trak_next_orphan(nullptr)) {
+        const int rc = trak_block_destroy_device(dev, 0);
         if (rc != 0)
             return rc;
     }
@@ -326,21 +328,4 @@ int trak_ioctl_del_node(trak_minor_arg *arg) {
         return unknown_minor_of_del;
     }
     return trak_block_destroy_device(dev, 1);
-}
-
-void trak_block_orphan_device(std::uint32_t minor) {
-    trak_device *dev = trak_find_device(minor);
-    if (dev == nullptr)
-        return;
-    trak_blkdev_arr[minor] = nullptr;
-    trak_list_add_tail(&dev->orphan_link, &orphans);
-}
-
-trak_device *trak_find_orphan(const void *record) {
-    for (trak_list *link = orphans.next; link != &orphans; link = link->next) {
-        trak_device *dev = trak_container_of(link, trak_device, orphan_link);
-        if (dev == record)
-            return dev;
-    }
-    return nullptr;
 }

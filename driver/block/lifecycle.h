@@ -28,12 +28,9 @@ int trak_block_stop_device(trak_device *dev) TRAK_REQUIRES_SHARED(trak_blkdev_rw
 // only marked (0). unlink_files: 1 removes a snap's COW files too. The record is gone after 0.
 int trak_block_destroy_device(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock);
 
-// Empties a minor's table entry, whatever node stands there. A node that loses its entry so is an orphan:
-// its disk refuses every request, no command finds it, and unload takes it down with the others.
-void trak_block_orphan_device(std::uint32_t minor) TRAK_REQUIRES(trak_blkdev_rwlock);
-// The orphan at this address, or null.
-[[nodiscard]] trak_device *trak_find_orphan(const void *record)
-    TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
+// Takes away what the world sees of a node: its entry in the status tree and its disk. Nothing where that
+// was done before. The node is not open.
+void trak_block_hide_device(trak_device *dev) TRAK_REQUIRES(trak_blkdev_rwlock);
 
 extern const os_block_device_operations trak_bdops;
 void trak_unplug_filter(os_queue *queue);

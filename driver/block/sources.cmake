@@ -9,6 +9,7 @@ list(APPEND TRAK_DRIVER_SOURCES
      block/kdirtyd.cpp
      block/lifecycle.cpp
      block/locks.cpp
+     block/orphans.cpp
      block/request.cpp
      block/table.cpp
      block/trak_aio_26.cpp)

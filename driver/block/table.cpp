@@ -5,6 +5,7 @@
 #include <os_embedded.h>
 
 #include "driver/block/lock_ranks.h"
+#include "driver/block/orphans.h"
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "driver/utils/string.h"
@@ -56,10 +57,15 @@ trak_device *trak_find_device(std::uint32_t minor) {
     return trak_blkdev_arr[minor];
 }
 
+// A device number that an open disk still has can't be given to another one.
+static bool is_free(std::int32_t m) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock) {
+    return trak_blkdev_arr[m] == nullptr && !trak_orphan_blocks(static_cast<std::uint32_t>(m));
+}
+
 // The lowest free minor, or -1.
 static std::int32_t lowest_free_minor() TRAK_REQUIRES_SHARED(trak_blkdev_rwlock) {
     for (std::int32_t m = 0; m <= trak_max_blk_minor; ++m) {
-        if (trak_blkdev_arr[m] == nullptr)
+        if (is_free(m))
             return m;
     }
     return -1;
@@ -81,7 +87,7 @@ int trak_place_device(const char *function, trak_device *dev, std::int32_t *mino
             return -ENOSPC;
         }
         *minor = m;
-    } else if (trak_blkdev_arr[m] != nullptr) {
+    } else if (!is_free(m)) {
         trak_log(TRAK_LOG_ERROR, "%s(): Device minor number %d is already taken", function, m);
         return -EINVAL;
     }
