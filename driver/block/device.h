@@ -78,7 +78,8 @@ struct trak_snap {
     trak_blkbmp blkbmp;
     std::int64_t cow_data_size;  // bytes
     std::int32_t cow_bmp_size;   // bytes
-    // Written with the filter's snap_rwlock held for writing; read with trak_read_once.
+    // Written with the filter's snap_rwlock held for writing (kcowd clears snap_valid holding it for
+    // reading); read with trak_read_once, del_pending too.
     std::uint32_t snap_valid;
     std::uint32_t stop_pending;
     std::uint32_t del_pending;

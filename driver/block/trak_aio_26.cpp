@@ -294,6 +294,24 @@ os_bio *trak_aio_clone(aio_tracker *tracker, os_bio *request, std::uint32_t wait
     return clone;
 }
 
+bool trak_aio_overlaps(aio_tracker *tracker, const os_bio *request) {
+    os_queue *queue;
+    {
+        const trak_spin_irq_guard spin(&aio_spin);
+        const os_bio *blocking = find_overlap(tracker, request, blocks_of(request));
+        if (blocking == nullptr)
+            return false;
+        queue = queue_of(blocking);
+    }
+    os_queue_unplug(queue);
+    return true;
+}
+
+bool trak_aio_idle(const aio_tracker *tracker) {
+    const trak_spin_irq_guard spin(&aio_spin);
+    return trak_list_empty(&tracker->items);
+}
+
 void trak_aio_end_io(os_bio *clone, int error) {
     OS_BUG_ON(clone == nullptr);
     os_bio *parent = nullptr;

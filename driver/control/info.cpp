@@ -39,6 +39,7 @@ void describe_filter(trak_device *dev, trak_info_arg *arg)
     arg->extent_cnt = filter->extent_cnt;
 
     arg->snaps = 0;
+    const zuread_guard snaps(&filter->snap_rwlock);
     for (trak_list *link = filter->snaps.next; link != &filter->snaps && arg->snaps < TRAK_LIST_MAX;
          link = link->next) {
         const trak_device *snap = trak_device_of_link(link);

@@ -2,7 +2,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // A table per node type: name, how its text is made, and where in the record its value lies. Values
-// are read as they are at that moment, each on its own, without the locks that protect them.
+// are read as they are at that moment, each on its own, without the locks that protect them; a filter's
+// list of snaps alone is walked under its lock.
 #include "driver/control/proc_fields.h"
 
 #include "driver/utils/atomic.h"
@@ -78,8 +79,11 @@ void print_filter_minor(const char *value, char *page) {
 // fit into the page ends at the last line that does.
 void print_snaps(const char *value, char *page) {
     constexpr std::size_t longest_line = sizeof "-2147483648\n";
-    const trak_list *head = &record(value)->filter.snaps;
+    auto *filter = const_cast<trak_filter *>(&record(value)->filter);
+    const trak_list *head = &filter->snaps;
     std::size_t length = 0;
+    // A start may move its snap to the end of the list.
+    const zuread_guard snaps(&filter->snap_rwlock);
     for (trak_list *link = head->next; link != head && length + longest_line <= page_size;
          link = link->next) {
         const int n = os_snprintf(page + length, page_size - length, "%d\n",

@@ -14,7 +14,6 @@
 #include "driver/block/lock_ranks.h"
 #include "driver/block/locks.h"
 #include "driver/module/log.h"
-#include "driver/snap/bio_range.h"
 #include "driver/utils/string.h"
 #include "os/memory.h"
 
@@ -82,8 +81,10 @@ cow_request *make_request(std::uint32_t snap_minor, os_bio *bio, os_gfp gfp) {
     trak_list_init(&request->blocks);
     request->snap_minor = snap_minor;
     request->bio = bio;
+    request->range = bio_range_of(bio);
+    request->write = bio_is_write(bio);
 
-    const bio_range range = bio_range_of(bio);
+    const bio_range range = request->range;
     if (range.sectors == 0)
         return request;
     const std::uint64_t last = range.last >> kBlockSectorShift;
@@ -93,7 +94,7 @@ cow_request *make_request(std::uint32_t snap_minor, os_bio *bio, os_gfp gfp) {
             free_request(request);
             return nullptr;
         }
-        block->bio = bio;
+        block->request = request;
         trak_list_init(&block->hash_link);
         trak_list_add_tail(&block->request_link, &request->blocks);
     }
@@ -101,21 +102,20 @@ cow_request *make_request(std::uint32_t snap_minor, os_bio *bio, os_gfp gfp) {
 }
 
 // The link behind which a new request goes; spin held.
-trak_list *place_of(trak_cowqueue *queue, const os_bio *bio) {
-    if (bio_is_write(bio) || trak_list_empty(&queue->requests))
+trak_list *place_of(trak_cowqueue *queue, const cow_request *request) {
+    if (request->write || trak_list_empty(&queue->requests))
         return queue->requests.prev;
-    const bio_range range = bio_range_of(bio);
     for (trak_list *at = queue->requests.prev; at != &queue->requests; at = at->prev)
-        if (bio_ranges_overlap(range, bio_range_of(request_of_link(at)->bio)))
+        if (bio_ranges_overlap(request->range, request_of_link(at)->range))
             return at;
     return queue->requests.next;
 }
 
 bool bucket_overlaps(trak_list *bucket, const bio_range &range, int reads, int writes) {
     for (trak_list *at = bucket->next; at != bucket; at = at->next) {
-        const os_bio *queued = trak_container_of(at, cow_block, hash_link)->bio;
-        const int wanted = bio_is_write(queued) ? writes : reads;
-        if (wanted != 0 && bio_ranges_overlap(range, bio_range_of(queued)))
+        const cow_request *queued = trak_container_of(at, cow_block, hash_link)->request;
+        const int wanted = queued->write ? writes : reads;
+        if (wanted != 0 && bio_ranges_overlap(range, queued->range))
             return true;
     }
     return false;
@@ -156,12 +156,12 @@ int trak_cowqueue_append(trak_cowqueue *queue, std::uint32_t snap_minor, os_bio 
     }
     {
         const trak_spin_guard guard(&queue->spin);
-        std::uint64_t k = os_bio_sector(bio) >> kBlockSectorShift;
+        std::uint64_t k = request->range.first >> kBlockSectorShift;
         for (trak_list *at = request->blocks.next; at != &request->blocks; at = at->next, ++k)
             trak_list_add_head(&trak_container_of(at, cow_block, request_link)->hash_link,
                                bucket_of(queue, k));
         queue->cnt.add(1);
-        trak_list_insert_after(&request->link, place_of(queue, bio));
+        trak_list_insert_after(&request->link, place_of(queue, request));
     }
     os_wake_up(&queue->wait);
     return 0;

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 
+#include "driver/snap/bio_range.h"
 #include "driver/utils/atomic.h"
 #include "driver/utils/list.h"
 #include "os/bio.h"
@@ -34,12 +35,15 @@ struct cow_request {
     std::uint32_t
         snap_minor;  // newest started snap when it was queued; -1 after that snap's restart
     os_bio *bio;
+    // Of the bio as it was queued; once it is under way on the disk it no longer tells.
+    bio_range range;
+    bool write;
 };
 
 struct cow_block {
     trak_list request_link;
     trak_list hash_link;
-    os_bio *bio;
+    cow_request *request;
 };
 
 // 0 or -ENOMEM. Context: sleep.

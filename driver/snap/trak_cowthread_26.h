@@ -27,9 +27,12 @@ struct trak_cowthread {
            trak_read_once(thread->failed) == 0;
 }
 
-// All sleep. 0, -EINVAL, -EALREADY or the errno of the thread's start.
+// All sleep, and are called one at a time for a filter (dev_mutex) with no other lock of rank 40 or
+// above. 0, -EINVAL, -EALREADY or the errno of the thread's start.
 [[nodiscard]] int trak_cowthread_start(trak_cowthread *thread, const char *name,
                                        trak_device *filter);
+// Waits until a started thread has its working set: 0, or -ENOMEM where it could not be had.
+[[nodiscard]] int trak_cowthread_wait_ready(trak_cowthread *thread);
 // Waits until the filter's queue is empty, then ends the thread. 0 or -EINVAL.
 int trak_cowthread_shutdown(trak_cowthread *thread);
 // Ends the thread at once; every queued bio ends with -EIO. 0 or -EINVAL.

@@ -260,6 +260,10 @@ uint32_t os_dentry_mode(const struct os_dentry *dentry) {
     return inode_of(dentry, "os_dentry_mode").mode;
 }
 
+const void *os_dentry_inode(const struct os_dentry *dentry) {
+    return &inode_of(dentry, "os_dentry_inode");
+}
+
 uint64_t os_dentry_ino(const struct os_dentry *dentry) {
     return inode_of(dentry, "os_dentry_ino").ino;
 }

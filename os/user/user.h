@@ -113,7 +113,7 @@ using Done = void (*)(void *data, int error);
 // One request through the device's queue. rw: flags of a bio (OS_BIO_WRITE, OS_BIO_FLUSH, ...).
 // offset and size in bytes, whole sectors, else -EINVAL through done; a flush alone has size 0.
 // buf: the data, at any address (page-aligned memory saves a copy further down), not touched until
-// done; null for discard and zeroes. No limit to size but kMaxRequest. Sleeps.
+// done; null for discard and zeroes. At most kMaxRequest bytes of data, 2 GiB without. Sleeps.
 inline constexpr std::size_t kMaxRequest = std::size_t{4} << 20;
 void submit(os_bdev *bdev, std::uint32_t rw, std::uint64_t offset, void *buf, std::size_t size,
             Done done, void *data);

@@ -1,0 +1,328 @@
+// os/user/ring.cpp: the ring's thread
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Submitters append to `queued` under the mutex. The ring's thread takes the whole list at once, so a
+// burst of requests costs one system call, and sleeps in the kernel for a completion; a read of an
+// eventfd is always under way, and a submitter who finds the thread asleep writes to it. Only the
+// first one does: it takes the `asleep` mark back.
+//
+// At most `depth` operations are at the kernel; the submission queue has room for all of them and the
+// wake-up read, so a full queue can't happen, and the completion queue is twice as large.
+#include "os/user/ring.h"
+
+#include <errno.h>
+#include <liburing.h>
+#include <linux/falloc.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "os/user/sync.h"
+#include "os/user/task.h"
+
+namespace user {
+
+namespace {
+
+struct Fifo {
+    Operation *first = nullptr;
+    Operation *last = nullptr;
+    void append(Operation *op) {
+        op->next = nullptr;
+        (last ? last->next : first) = op;
+        last = op;
+    }
+    Operation *take() {
+        Operation *op = first;
+        first = op->next;
+        if (!first)
+            last = nullptr;
+        return op;
+    }
+    void append_all(Fifo *other) {
+        if (!other->first)
+            return;
+        (last ? last->next : first) = other->first;
+        last = other->last;
+        *other = {};
+    }
+};
+
+struct Ring {
+    // Constant while the threads run.
+    int wake_fd = -1;
+    unsigned depth = 0;
+    std::thread thread;
+    std::thread helper;
+
+    Mutex mutex;
+    Fifo queued USER_GUARDED_BY(mutex);
+    bool asleep USER_GUARDED_BY(mutex) = false;
+    bool stopping USER_GUARDED_BY(mutex) = false;
+    Condition started;
+    int made USER_GUARDED_BY(mutex) = 1;  // 0 or a negative errno once the kernel has answered
+
+    Mutex helper_mutex;
+    Condition helper_wanted;
+    Fifo helper_queue USER_GUARDED_BY(helper_mutex);
+    bool helper_stopping USER_GUARDED_BY(helper_mutex) = false;
+
+    // The ring thread's own.
+    io_uring uring{};
+    Fifo waiting;  // taken, not yet at the kernel
+    unsigned at_kernel = 0;
+    unsigned at_helper = 0;
+    bool wake_read_active = false;
+    std::uint64_t wake_count = 0;
+};
+
+std::unique_ptr<Ring> the_ring;
+
+// Completions of the helper come back through the queue under this kind.
+constexpr Operation::Kind kHelped = static_cast<Operation::Kind>(100);
+
+void enqueue(Ring &ring, Operation *op) {
+    bool wake;
+    {
+        Guard held(ring.mutex);
+        ring.queued.append(op);
+        wake = ring.asleep;
+        ring.asleep = false;
+    }
+    if (!wake)
+        return;
+    std::uint64_t one = 1;
+    while (write(ring.wake_fd, &one, sizeof(one)) < 0 && errno == EINTR)
+        ;
+}
+
+void run_helper(Ring &ring) {
+    prctl(PR_SET_NAME, "user-io-help");
+    for (;;) {
+        Operation *op;
+        {
+            Guard held(ring.helper_mutex);
+            while (!ring.helper_queue.first && !ring.helper_stopping)
+                ring.helper_wanted.wait(ring.helper_mutex);
+            if (!ring.helper_queue.first)
+                return;
+            op = ring.helper_queue.take();
+        }
+        op->result = op->help(op);
+        op->kind = kHelped;
+        enqueue(ring, op);
+    }
+}
+
+void give_to_helper(Ring &ring, Operation *op) {
+    ring.at_helper++;
+    Guard held(ring.helper_mutex);
+    ring.helper_queue.append(op);
+    ring.helper_wanted.notify_all();
+}
+
+void prepare(io_uring_sqe *sqe, Operation *op) {
+    switch (op->kind) {
+    case Operation::kRead:
+        if (op->iov_count == 1)
+            io_uring_prep_read(sqe, op->fd, op->iov->iov_base,
+                               static_cast<unsigned>(op->iov->iov_len), op->offset);
+        else
+            io_uring_prep_readv(sqe, op->fd, op->iov, op->iov_count, op->offset);
+        break;
+    case Operation::kWrite:
+        if (op->iov_count == 1)
+            io_uring_prep_write(sqe, op->fd, op->iov->iov_base,
+                                static_cast<unsigned>(op->iov->iov_len), op->offset);
+        else
+            io_uring_prep_writev(sqe, op->fd, op->iov, op->iov_count, op->offset);
+        sqe->rw_flags = op->flags;
+        break;
+    case Operation::kSync:
+        io_uring_prep_fsync(sqe, op->fd, IORING_FSYNC_DATASYNC);
+        break;
+    default:
+        io_uring_prep_fallocate(sqe, op->fd, op->flags, static_cast<off_t>(op->offset),
+                                static_cast<off_t>(op->length));
+        break;
+    }
+    io_uring_sqe_set_data(sqe, op);
+}
+
+void finish(Operation *op, int result) {
+    os_task &task = current();
+    task.in_interrupt = true;
+    op->done(op, result);
+    task.in_interrupt = false;
+}
+
+// Moves what is waiting towards the kernel.
+void feed(Ring &ring) {
+    if (!ring.wake_read_active) {
+        io_uring_sqe *sqe = io_uring_get_sqe(&ring.uring);
+        io_uring_prep_read(sqe, ring.wake_fd, &ring.wake_count, sizeof(ring.wake_count), 0);
+        io_uring_sqe_set_data(sqe, nullptr);
+        ring.wake_read_active = true;
+    }
+    while (ring.waiting.first && ring.at_kernel < ring.depth) {
+        Operation *op = ring.waiting.take();
+        if (op->kind == kHelped) {
+            ring.at_helper--;
+            finish(op, op->result);
+        } else if (op->kind == Operation::kHelper) {
+            give_to_helper(ring, op);
+        } else {
+            prepare(io_uring_get_sqe(&ring.uring), op);
+            ring.at_kernel++;
+        }
+    }
+}
+
+void reap(Ring &ring) {
+    io_uring_cqe *cqes[64];
+    unsigned count;
+    while ((count = io_uring_peek_batch_cqe(&ring.uring, cqes, 64)) != 0) {
+        Operation *ops[64];
+        int results[64];
+        for (unsigned i = 0; i < count; i++) {
+            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
+            results[i] = cqes[i]->res;
+        }
+        io_uring_cq_advance(&ring.uring, count);
+        for (unsigned i = 0; i < count; i++) {
+            if (!ops[i]) {
+                ring.wake_read_active = false;
+                continue;
+            }
+            ring.at_kernel--;
+            finish(ops[i], results[i]);
+        }
+    }
+}
+
+// True when the thread may sleep for a completion; marks it asleep.
+bool may_sleep(Ring &ring, bool *ended) {
+    Guard held(ring.mutex);
+    bool idle = !ring.queued.first && (!ring.waiting.first || ring.at_kernel == ring.depth);
+    *ended = ring.stopping && idle && !ring.waiting.first && !ring.at_kernel && !ring.at_helper;
+    ring.asleep = idle && !*ended;
+    return ring.asleep;
+}
+
+void enter_kernel(Ring &ring, bool sleep) {
+    int rc = io_uring_submit_and_wait(&ring.uring, sleep ? 1 : 0);
+    if (rc >= 0 || rc == -EINTR)
+        return;
+    // Short of memory or completions not yet taken: both pass. Anything else is a bug of ours.
+    if (rc != -EAGAIN && rc != -EBUSY && rc != -ENOMEM && rc != -ETIME)
+        os_bug(__FILE__, __LINE__, "io_uring_enter");
+    usleep(1000);
+}
+
+int make_uring(Ring &ring) {
+    // The thread that makes the ring is its only submitter: completions then wait for that thread to
+    // ask for them. Older kernels know less of this.
+    const unsigned wanted[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN |
+                                   IORING_SETUP_TASKRUN_FLAG,
+                               IORING_SETUP_COOP_TASKRUN | IORING_SETUP_TASKRUN_FLAG, 0};
+    int rc = -EINVAL;
+    for (unsigned flags : wanted) {
+        io_uring_params params{};
+        params.flags = flags;
+        rc = io_uring_queue_init_params(ring.depth + 1, &ring.uring, &params);
+        if (rc != -EINVAL)
+            break;
+    }
+    return rc;
+}
+
+void run_ring(Ring &ring) {
+    prctl(PR_SET_NAME, "user-io");
+    int rc = make_uring(ring);
+    {
+        Guard held(ring.mutex);
+        ring.made = rc;
+        ring.started.notify_all();
+    }
+    if (rc < 0)
+        return;
+    io_uring_register_ring_fd(&ring.uring);  // saves a look-up per call where the kernel knows it
+    for (bool ended = false; !ended;) {
+        feed(ring);
+        bool sleep = may_sleep(ring, &ended);
+        enter_kernel(ring, sleep);
+        {
+            Guard held(ring.mutex);
+            ring.asleep = false;
+            ring.waiting.append_all(&ring.queued);
+        }
+        reap(ring);
+    }
+    io_uring_queue_exit(&ring.uring);
+}
+
+int wait_until_made(Ring &ring) {
+    Guard held(ring.mutex);
+    while (ring.made > 0)
+        ring.started.wait(ring.mutex);
+    return ring.made;
+}
+
+}  // namespace
+
+int ring_start(unsigned depth, std::string *why) {
+    auto ring = std::make_unique<Ring>();
+    ring->depth = depth;
+    ring->wake_fd = eventfd(0, EFD_CLOEXEC);
+    if (ring->wake_fd < 0)
+        return -errno;
+    Ring *p = ring.get();
+    {
+        SignalsBlocked blocked;
+        ring->thread = std::thread([p] { run_ring(*p); });
+    }
+    int rc = wait_until_made(*ring);
+    if (rc < 0) {
+        ring->thread.join();
+        close(ring->wake_fd);
+        if (why)
+            *why = std::string("io_uring is not available: ") + strerror(-rc);
+        return rc;
+    }
+    {
+        SignalsBlocked blocked;
+        ring->helper = std::thread([p] { run_helper(*p); });
+    }
+    the_ring = std::move(ring);
+    return 0;
+}
+
+void ring_stop() {
+    Ring &ring = *the_ring;
+    {
+        Guard held(ring.mutex);
+        ring.stopping = true;
+    }
+    std::uint64_t one = 1;
+    while (write(ring.wake_fd, &one, sizeof(one)) < 0 && errno == EINTR)
+        ;
+    ring.thread.join();
+    {
+        Guard held(ring.helper_mutex);
+        ring.helper_stopping = true;
+        ring.helper_wanted.notify_all();
+    }
+    ring.helper.join();
+    close(ring.wake_fd);
+    the_ring.reset();
+}
+
+void ring_submit(Operation *op) {
+    enqueue(*the_ring, op);
+}
+
+}  // namespace user

@@ -1,0 +1,55 @@
+// os/user/task.h: what the platform knows of a task
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_OS_USER_TASK_H
+#define TRAK_OS_USER_TASK_H
+
+#include <signal.h>
+
+#include <atomic>
+#include <cstdint>
+
+#include "os/task.h"
+#include "os/user/user.h"
+
+// One per thread, made with the thread's first call, gone with the thread.
+struct os_task {
+    // 0 running, else os_wait_mode + 1. A futex: whoever sleeps in os_schedule sleeps on it.
+    std::uint32_t state = 0;
+    std::atomic<bool> signalled{false};
+    int pid = 0;
+    // The rest is the thread's own.
+    unsigned spins_held = 0;
+    bool in_interrupt = false;
+    const user::Caller *caller = nullptr;
+};
+
+namespace user {
+
+os_task &current();
+// The task's sleep, if it is in one, ends. Any thread; the task must live.
+void wake_task(os_task &task);
+// A call that may sleep, made where it must not, is a programming error.
+void might_sleep(const char *what);
+// Threads started while it lives take no signal but the one that tests ask for stacks with: signals
+// of the process are for its own threads.
+class SignalsBlocked {
+  public:
+    SignalsBlocked() {
+        sigset_t most;
+        sigfillset(&most);
+        sigdelset(&most, SIGUSR2);
+        pthread_sigmask(SIG_SETMASK, &most, &before_);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    SignalsBlocked(const SignalsBlocked &) = delete;
+    SignalsBlocked &operator=(const SignalsBlocked &) = delete;
+
+  private:
+    sigset_t before_;
+};
+// Ends all threads of os_kernel_thread that are still there.
+void join_kernel_threads();
+
+}  // namespace user
+
+#endif
