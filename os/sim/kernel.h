@@ -196,6 +196,7 @@ struct Kernel {
     Block *freed_first = nullptr;
     Block *freed_last = nullptr;
     std::size_t freed_bytes = 0;
+    unsigned expected_leaks = 0;
 
     std::array<FaultPlan, static_cast<std::size_t>(Fault::kCount)> faults{};
 

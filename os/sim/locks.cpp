@@ -23,7 +23,7 @@ void check_order(const os_task &task, const os_lock_class *cls, const void *lock
     const Held *worst = nullptr;
     for (unsigned i = from; i < task.held_count; i++) {
         const Held &held = task.held[i];
-        if (held.lock == lock) {
+        if (held.lock == lock && held.spin == spin) {
             if (spin)
                 fail("spin lock %s is taken twice by %s", cls->name, task.comm);
             return;
@@ -42,9 +42,10 @@ void push_held(os_task &task, const os_lock_class *cls, const void *lock, bool s
     task.held[task.held_count++] = {cls, lock, spin};
 }
 
-bool pop_held(os_task &task, const void *lock) {
+// A spin lock may be the first field of the sleeping lock that it serves: same address, other kind.
+bool pop_held(os_task &task, const void *lock, bool spin) {
     for (unsigned i = task.held_count; i-- > 0;) {
-        if (task.held[i].lock != lock)
+        if (task.held[i].lock != lock || task.held[i].spin != spin)
             continue;
         for (unsigned j = i + 1; j < task.held_count; j++)
             task.held[j - 1] = task.held[j];
@@ -101,7 +102,7 @@ void spin_release(os_spinlock *lock, bool irq_saved, const char *function) {
         fail("%s: %s does not hold spin lock %s", function, task.comm, lock->cls->name);
     if ((lock->irq_saved != 0) != irq_saved)
         fail("%s: spin lock %s was taken by the other kind of call", function, lock->cls->name);
-    pop_held(task, lock);
+    pop_held(task, lock, true);
     task.spin_depth--;
     lock->owner = nullptr;
     wake_all(lock->waiters);
@@ -166,7 +167,7 @@ void os_lock_acquire(const struct os_lock_class *cls, const void *lock, enum os_
 }
 
 void os_lock_release(const struct os_lock_class *cls, const void *lock) {
-    if (!pop_held(self(), lock))
+    if (!pop_held(self(), lock, false))
         fail("os_lock_release: %s does not hold %s", self().comm, cls->name);
     point();
 }

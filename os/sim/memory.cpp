@@ -6,12 +6,15 @@
 // the free, and freed pieces are kept for a while and looked at for late writes.
 #include "os/memory.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "os/sim/kernel.h"
 #include "os/sim/page.h"
 #include "os/sim/sanitizer.h"
+
+extern "C" const char __executable_start;  // the linker's
 
 namespace sim {
 
@@ -52,6 +55,10 @@ Block *block_of(const void *p) {
 
 unsigned char *data_of(Block *block) {
     return reinterpret_cast<unsigned char *>(block) + kHeader;
+}
+
+std::size_t place_in_program(const void *address) {
+    return static_cast<std::size_t>(static_cast<const char *>(address) - &__executable_start);
 }
 
 // The header is out of bounds for everybody but this file.
@@ -187,13 +194,21 @@ std::string mem_leaks() {
         OS_SIM_UNPOISON(block, kHeader);
         Block *next = block->next;
         if (!block->own && ++count <= 8)
-            text += format("\n  %s of %zu bytes, made at step %llu (called from %p)",
+            text += format("\n  %s of %zu bytes, made at step %llu (addr2line -fe %s 0x%zx)",
                            name_of(block->kind), block->size,
-                           static_cast<unsigned long long>(block->step), block->caller);
+                           static_cast<unsigned long long>(block->step), program_invocation_name,
+                           place_in_program(block->caller));
         close_header(block);
         block = next;
     }
-    return count ? format("%u pieces were not given back:", count) + text : text;
+    if (count == kernel().expected_leaks)
+        return "";
+    return format("%u pieces were not given back (%u expected):", count, kernel().expected_leaks) +
+           text;
+}
+
+void expect_leaked_pieces(unsigned count) {
+    kernel().expected_leaks = count;
 }
 
 void mem_check_freed() {

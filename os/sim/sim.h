@@ -170,6 +170,9 @@ std::uint64_t fault_points(Fault kind);  // calls of the kind so far
 // The same at the nth scheduling point from now on.
 void power_cut_after(std::uint64_t points);
 
+// The driver leaves exactly this many pieces of memory behind at the end, on purpose.
+void expect_leaked_pieces(unsigned count);
+
 // The log as printk would have shown it: one line each, with "<n>" at its start, without newline.
 const std::vector<std::string> &log();
 void clear_log();
