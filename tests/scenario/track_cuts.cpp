@@ -1,10 +1,11 @@
 // tests/scenario/track_cuts.cpp: what a change map says after a power cut
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The power goes at any point of a run. After the next boot a map is exact, or says that everything
-// changed, or the cut fell into the one known window: a write was under way and the dirty flag that it
-// scheduled had not reached its file, so that the file looks clean. The guarded attach (a marker beside the
-// files, there from before the start until an orderly stop) leaves no such run.
+// The power goes at any point of a run. After the next boot a map is exact, or says that
+// everything changed, or the cut fell into the one known window: a write was under way and the
+// dirty flag that it scheduled had not reached its file, so that the file looks clean. The guarded
+// attach (a marker beside the files, there from before the start until an orderly stop) leaves no
+// such run.
 #include <gtest/gtest.h>
 
 #include "os/sim/seeds.h"

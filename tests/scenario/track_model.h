@@ -1,10 +1,10 @@
 // tests/scenario/track_model.h: which extents a change map must hold, told from what programs did
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The model knows no bitmap. It writes down events with the order in which they began and ended; an
-// extent that a write touched must be in some map that was taken (and cleared) by a command which
-// ended after the write began, or in the node's map now. A command that throws marks away (clear, set
-// to a given map, load) excuses the writes that began before it ended.
+// The model knows no bitmap. It writes down events with the order in which they began and ended;
+// an extent that a write touched must be in some map that was taken (and cleared) by a command
+// which ended after the write began, or in the node's map now. A command that throws marks away
+// (clear, set to a given map, load) excuses the writes that began before it ended.
 #ifndef TRAK_TESTS_SCENARIO_TRACK_MODEL_H
 #define TRAK_TESTS_SCENARIO_TRACK_MODEL_H
 

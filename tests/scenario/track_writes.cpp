@@ -1,9 +1,9 @@
 // tests/scenario/track_writes.cpp: no written extent is ever unmarked while the machine runs
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Several programs write while others clear, get, set, merge, save and load the maps and restart the
-// node or the whole module, with calls of every kind failing. After each round all is quiet and every
-// write since the start is looked for (track_model.h).
+// Several programs write while others clear, get, set, merge, save and load the maps and restart
+// the node or the whole module, with calls of every kind failing. After each round all is quiet
+// and every write since the start is looked for (track_model.h).
 #include <gtest/gtest.h>
 
 #include "os/sim/seeds.h"
