@@ -59,9 +59,11 @@ class Machine {
     // The guarded attach, step by step as the client library does it.
     void attach() {
         if (guarded_) {
-            if (storage_.exists(kMarker))
-                for (std::uint32_t type : kTypes)
+            for (std::uint32_t type : kTypes) {
+                if (storage_.exists(kMarker)) {
                     ASSERT_EQ(set_everything(type), 0);
+                }
+            }
             const sim::Bytes text{'x'};
             storage_.write_file(kMarker, text);
         }

@@ -13,9 +13,9 @@ namespace {
 
 using namespace track;
 
-class Run {
+class Story {
   public:
-    Run(sim::Storage &storage, Shape shape) : storage_(storage), shape_(shape) {}
+    Story(sim::Storage &storage, Shape shape) : storage_(storage), shape_(shape) {}
 
     void all() {
         ASSERT_EQ(trak_init(), 0);
@@ -158,7 +158,7 @@ TEST(tracking, no_written_extent_is_unmarked_after_any_mix_of_commands_and_failu
         sim::Storage storage;
         prepare(storage, shape);
         sim::World world(storage, {.seed = seed});
-        world.run([&] { Run(storage, shape).all(); });
+        world.run([&] { Story(storage, shape).all(); });
     });
 }
 
