@@ -7,10 +7,10 @@
 
 extern "C" {
 // The four that compilers call on their own; every platform has them.
-void *memcpy(void *to, const void *from, std::size_t n);
-void *memmove(void *to, const void *from, std::size_t n);
-void *memset(void *to, int c, std::size_t n);
-int memcmp(const void *a, const void *b, std::size_t n);
+void *memcpy(void *to, const void *from, std::size_t n) noexcept;
+void *memmove(void *to, const void *from, std::size_t n) noexcept;
+void *memset(void *to, int c, std::size_t n) noexcept;
+int memcmp(const void *a, const void *b, std::size_t n) noexcept;
 }
 
 std::size_t trak_strlen(const char *s);

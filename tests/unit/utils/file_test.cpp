@@ -1,0 +1,228 @@
+// tests/unit/utils/file_test.cpp: open, read, write, sync, truncate and close
+// SPDX-License-Identifier: GPL-2.0-only
+#include <numeric>
+
+#include "driver/utils/trak_utils.h"
+#include "os/memory.h"
+#include "tests/support/sim_run.h"
+
+namespace {
+
+constexpr char path[] = "/data/file";
+
+sim::Bytes pattern(std::size_t size) {
+    sim::Bytes bytes(size);
+    std::iota(bytes.begin(), bytes.end(), std::uint8_t{1});
+    return bytes;
+}
+
+// A machine with one file of `size` bytes, and the file open for reading and writing.
+void with_file(std::size_t size, const std::function<void(sim::Storage &, trak_file *)> &fn) {
+    sim::Storage storage;
+    storage.mkdir("/data");
+    storage.write_file(path, pattern(size));
+    sim_run::boot(storage, [&] {
+        trak_file *file = trak_fopen(path, OS_O_RDWR, 0600);
+        ASSERT_NE(file, nullptr);
+        fn(storage, file);
+        EXPECT_EQ(trak_fclose(file), 0);
+    });
+}
+
+TEST(file, open_keeps_a_copy_of_the_path) {
+    sim::Storage storage;
+    storage.mkdir("/data");
+    sim_run::boot(storage, [] {
+        char name[] = "/data/file";
+        trak_file *file = trak_fopen(name, OS_O_WRONLY | OS_O_CREAT | OS_O_TRUNC, 0600);
+        ASSERT_NE(file, nullptr);
+        std::memset(name, 'x', sizeof name - 1);
+        EXPECT_STREQ(file->fname, path);
+        EXPECT_EQ(trak_fclose(file), 0);
+        EXPECT_NOTHING_LOGGED();
+    });
+    EXPECT_TRUE(storage.exists(path));
+}
+
+TEST(file, failed_open_says_for_what) {
+    sim_run::boot([] {
+        EXPECT_EQ(trak_fopen("/none", OS_O_RDONLY, 0600), nullptr);
+        EXPECT_LOGGED_ERROR("trak_fopen(): Failed to open file /none for reading: errno=-2");
+        EXPECT_EQ(trak_fopen("/none", OS_O_WRONLY, 0600), nullptr);
+        EXPECT_LOGGED_ERROR("trak_fopen(): Failed to open file /none for writing: errno=-2");
+        sim::clear_log();
+        EXPECT_EQ(trak_fopen("/none", OS_O_RDWR, 0600), nullptr);
+        EXPECT_LOGGED_ERROR(
+            "trak_fopen(): Failed to open file /none for reading and writing: errno=-2");
+        sim::clear_log();
+        EXPECT_EQ(trak_fopen("/none", OS_O_ACCMODE, 0600), nullptr);
+        EXPECT_EQ(sim::count_log("Failed to open file /none for reading and writing: errno="), 1u);
+    });
+}
+
+TEST(file, each_failed_allocation_of_an_open_is_logged_and_leaves_nothing) {
+    for (std::uint64_t nth = 1; nth <= 2; ++nth) {
+        sim::Storage storage;
+        storage.write_file("/file", {});
+        sim_run::boot(storage, [&] {
+            trak_log(TRAK_LOG_MILESTONE, "%s(): first message", "test");  // makes the buffer
+            sim::fail_nth(sim::Fault::kAlloc, nth);
+            EXPECT_EQ(trak_fopen("/file", OS_O_RDONLY, 0600), nullptr);
+            EXPECT_LOGGED_ERROR("trak_fopen(): Memory allocation failed.");
+        });
+    }
+}
+
+TEST(file, failed_call_of_the_open_is_its_errno) {
+    sim::Storage storage;
+    storage.write_file("/file", {});
+    storage.fail_path("/file", sim::Fault::kOpen, -13);
+    sim_run::boot(storage, [&] {
+        EXPECT_EQ(trak_fopen("/file", OS_O_RDONLY, 0600), nullptr);
+        EXPECT_LOGGED_ERROR("trak_fopen(): Failed to open file /file for reading: errno=-13");
+    });
+}
+
+TEST(file, open_without_a_path_is_a_bug) {
+    EXPECT_NE(sim_run::failure_of([] { (void)trak_fopen(nullptr, OS_O_RDONLY, 0600); }), "");
+}
+
+TEST(file, close_of_a_handle_without_a_file_frees_it) {
+    sim_run::boot([] {
+        for (void *filp : {static_cast<void *>(nullptr), os_err_ptr(-ENOENT)}) {
+            auto *file = static_cast<trak_file *>(os_kzalloc(sizeof(trak_file), OS_GFP_KERNEL));
+            file->filp = static_cast<os_file *>(filp);
+            EXPECT_EQ(trak_fclose(file), 0);
+        }
+    });
+}
+
+TEST(file, read_at_an_offset_gives_the_bytes_there) {
+    with_file(300, [](sim::Storage &, trak_file *file) {
+        sim::Bytes got(100);
+        EXPECT_EQ(trak_fread(file, 150, got.data(), 100), 100);
+        const sim::Bytes all = pattern(300);
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), all.begin() + 150));
+        EXPECT_EQ(trak_fread(file, 0, got.data(), 100), 100);
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), all.begin()));
+        EXPECT_NOTHING_LOGGED();
+    });
+}
+
+TEST(file, read_across_the_end_gives_what_there_is_and_says_so) {
+    with_file(5000, [](sim::Storage &, trak_file *file) {
+        sim::Bytes got(4096);
+        EXPECT_EQ(trak_fread(file, 4900, got.data(), 4096), 100);
+        EXPECT_LOGGED_ERROR(
+            "trak_fread(): Unexpected EOF while trying to read 3996 bytes from /data/file");
+        sim::clear_log();
+        EXPECT_EQ(trak_fread(file, 5000, got.data(), 10), 0);
+        EXPECT_LOGGED_ERROR(
+            "trak_fread(): Unexpected EOF while trying to read 10 bytes from /data/file");
+    });
+}
+
+TEST(file, count_of_zero_or_less_moves_nothing) {
+    with_file(10, [](sim::Storage &storage, trak_file *file) {
+        EXPECT_EQ(trak_fread(file, 100, nullptr, 0), 0);
+        EXPECT_EQ(trak_fread(file, 100, nullptr, -1), 0);
+        EXPECT_EQ(trak_fwrite(file, 100, nullptr, 0), 0);
+        EXPECT_EQ(trak_fwrite(file, 100, nullptr, INT32_MIN), 0);
+        EXPECT_NOTHING_LOGGED();
+        EXPECT_EQ(storage.read_file(path), pattern(10));
+    });
+}
+
+TEST(file, write_at_an_offset_changes_the_bytes_there) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const sim::Bytes bytes(50, 0xee);
+        EXPECT_EQ(trak_fwrite(file, 280, bytes.data(), 50), 50);
+        sim::Bytes expected = pattern(300);
+        expected.resize(330);
+        std::fill(expected.begin() + 280, expected.end(), std::uint8_t{0xee});
+        EXPECT_EQ(storage.read_file(path), expected);
+        EXPECT_NOTHING_LOGGED();
+    });
+}
+
+TEST(file, failed_read_is_logged_with_what_was_left_to_read) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        char buf[100];
+        storage.fail_path(path, sim::Fault::kRead, -5);
+        EXPECT_EQ(trak_fread(file, 0, buf, 100), -EIO);
+        EXPECT_LOGGED_ERROR("trak_fread(): Failed to read 100 bytes from /data/file: rc=-5");
+    });
+}
+
+TEST(file, failed_write_is_logged_with_what_was_left_to_write) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const char buf[100] = {};
+        storage.fail_path(path, sim::Fault::kWrite, -28);
+        EXPECT_EQ(trak_fwrite(file, 0, buf, 100), -ENOSPC);
+        EXPECT_LOGGED_ERROR("trak_fwrite(): Failed to write 100 bytes into /data/file: rc=-28");
+    });
+}
+
+TEST(file, handle_that_is_null_or_invalid_is_refused) {
+    sim_run::boot([] {
+        char buf[4] = {};
+        trak_file none{nullptr, nullptr};
+        trak_file bad{nullptr, static_cast<os_file *>(os_err_ptr(-ENOENT))};
+        for (trak_file *file : {static_cast<trak_file *>(nullptr), &none, &bad}) {
+            sim::clear_log();
+            EXPECT_EQ(trak_fread(file, 0, buf, 4), -EINVAL);
+            EXPECT_LOGGED_ERROR("trak_fread(): NULL or invalid file pointer passed as input!");
+            EXPECT_EQ(trak_fwrite(file, 0, buf, 4), -EINVAL);
+            EXPECT_LOGGED_ERROR("trak_fwrite(): NULL or invalid file pointer passed as input!");
+            EXPECT_EQ(trak_fread(file, 0, buf, 0), -EINVAL);
+        }
+    });
+}
+
+TEST(file, sync_makes_what_was_written_durable) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const sim::Bytes bytes(300, 0xee);
+        EXPECT_EQ(trak_fwrite(file, 0, bytes.data(), 300), 300);
+        EXPECT_EQ(trak_fsync(file), 0);
+        EXPECT_EQ(storage.read_file_durable(path), bytes);
+    });
+}
+
+TEST(file, failed_sync_is_its_errno) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        storage.fail_path(path, sim::Fault::kFlush, -5);
+        EXPECT_EQ(trak_fsync(file), -EIO);
+        storage.fail_path(path, sim::Fault::kFlush, 0);
+    });
+}
+
+TEST(file, sync_without_a_file_is_0_and_without_a_handle_a_bug) {
+    sim_run::boot([] {
+        trak_file none{nullptr, nullptr};
+        EXPECT_EQ(trak_fsync(&none), 0);
+    });
+    EXPECT_NE(sim_run::failure_of([] { (void)trak_fsync(nullptr); }), "");
+}
+
+TEST(file, truncate_cuts_a_file_to_nothing) {
+    sim::Storage storage;
+    storage.write_file("/file", pattern(300));
+    sim_run::boot(storage, [] {
+        EXPECT_EQ(trak_ftruncate("/file"), 0);
+        EXPECT_NOTHING_LOGGED();
+    });
+    EXPECT_TRUE(storage.exists("/file"));
+    EXPECT_EQ(storage.read_file("/file").size(), 0u);
+}
+
+TEST(file, truncate_of_a_missing_file_is_0_and_makes_none) {
+    sim::Storage storage;
+    sim_run::boot(storage, [] {
+        EXPECT_EQ(trak_ftruncate("/none"), 0);
+        EXPECT_LOGGED_ERROR(
+            "trak_fopen(): Failed to open file /none for reading and writing: errno=-2");
+    });
+    EXPECT_FALSE(storage.exists("/none"));
+}
+
+}  // namespace
