@@ -37,8 +37,9 @@ using namespace sim;
 extern "C" {
 
 void os_printk(const char *fmt, ...) {
-    kernel();
-    char text[1024];  // what a kernel log record holds
+    // The caller's text is taken after others may have run: who changes it under the call is seen.
+    point();
+    char text[2304];  // the longest message of the driver and its prefix
     va_list args;
     va_start(args, fmt);
     int length = std::vsnprintf(text, sizeof text, fmt, args);

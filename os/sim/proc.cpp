@@ -236,9 +236,10 @@ void os_remove_proc_entry(struct os_proc_entry *entry) {
         fail("os_remove_proc_entry: %s has children", entry->name.c_str());
     auto &siblings = entry->parent->children;
     siblings.erase(std::find(siblings.begin(), siblings.end(), entry));
-    g_removed.push_back(entry);
+    // Callbacks under way may still look at their entry.
     while (entry->calls)
         wait_in(entry->quiet, Wait::kRemoval, entry);
+    g_removed.push_back(entry);
 }
 
 }  // extern "C"
