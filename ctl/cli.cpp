@@ -245,7 +245,12 @@ std::variant<Request, Early> parse_command_line(int argc, const char *const *arg
     } catch (const CLI::CallForVersion &version) {
         return Early{0, std::string(version.what()) + "\n"};
     } catch (const CLI::ParseError &error) {
-        return wrong(error.what());
+        auto rest = app.remaining();
+        if (!app.get_subcommands().empty() ||
+            dynamic_cast<const CLI::RequiredError *>(&error) == nullptr)
+            return wrong(error.what());
+        return wrong(rest.empty() ? "no command given"
+                                  : "unknown command \"" + rest.front() + "\"");
     }
     std::string text = contradiction(request);
     if (!text.empty())

@@ -20,9 +20,11 @@ std::string size_text(uint64_t bytes) {
         value /= 1024;
         unit++;
     }
-    if (unit == 0 || value >= 99.95 || value == static_cast<double>(static_cast<int>(value)))
-        return fmt::format("{:.0f} {}", value, units[unit]);
-    return fmt::format("{:.1f} {}", value, units[unit]);
+    std::string number =
+        unit == 0 || value >= 99.95 ? fmt::format("{:.0f}", value) : fmt::format("{:.1f}", value);
+    if (number.size() > 2 && number.compare(number.size() - 2, 2, ".0") == 0)
+        number.erase(number.size() - 2);
+    return number + " " + units[unit];
 }
 
 std::string percent_text(uint64_t part, uint64_t whole) {

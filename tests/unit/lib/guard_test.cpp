@@ -118,9 +118,31 @@ TEST_F(Guard, attach_after_a_crash_marks_everything_and_says_why) {
 }
 
 TEST_F(Guard, attach_believes_no_marker_not_even_its_own_sessions) {
-    ASSERT_EQ(0, attach(filter_arg()));
+    auto arg = filter_arg();
+    strcpy(arg.uuid, "{always the same}");
+    ASSERT_EQ(0, attach(arg));
     driver.nodes.clear();  // deleted past the guard, in the same instance
-    EXPECT_EQ(TRAK_ALL_CHANGED, attach(filter_arg()));
+    EXPECT_EQ(TRAK_ALL_CHANGED, attach(arg));
+}
+
+TEST_F(Guard, start_tells_instances_apart_where_the_identifier_does_not) {
+    auto arg = filter_arg();
+    strcpy(arg.uuid, "{always the same}");
+    ASSERT_EQ(0, attach(arg));
+    restart();
+    arg.minor = 0;
+    ASSERT_EQ(0, trak_add_filter_node(t, &arg));  // past the guard
+    EXPECT_EQ(TRAK_ALL_CHANGED, trak_start(t, 0, why));
+    EXPECT_TRUE(full(0, TRAK_BMP_DIFF));
+}
+
+TEST_F(Guard, a_second_stop_finds_nothing_to_do_or_tell) {
+    ASSERT_EQ(0, attach(filter_arg()));
+    ASSERT_EQ(0, trak_stop(t, 0, why));
+    take();
+    EXPECT_EQ(0, trak_stop(t, 0, why));
+    EXPECT_STREQ("", why);
+    EXPECT_EQ((Events{"stop 0", "save 0 incr", "save 0 diff"}), take());
 }
 
 TEST_F(Guard, an_empty_or_torn_marker_counts) {
