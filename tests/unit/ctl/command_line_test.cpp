@@ -33,7 +33,7 @@ void wrong(const std::vector<const char *> &words, const std::string &part) {
     EXPECT_EQ(early->text.size() - 1, early->text.find('\n')) << "one line: " << early->text;
 }
 
-TEST(sizes, take_suffixes_of_powers_of_1024) {
+TEST(sizes, take_suffixes_for_binary_multiples) {
     EXPECT_EQ(4096u, ctl::parse_size("4096"));
     EXPECT_EQ(65536u, ctl::parse_size("64K"));
     EXPECT_EQ(65536u, ctl::parse_size("64k"));
@@ -126,7 +126,7 @@ TEST(command_line, root_comes_from_the_environment_and_the_option_wins) {
     unsetenv("TRAK_ROOT");
 }
 
-TEST(command_line, wrong_usage_ends_with_2_and_one_line) {
+TEST(command_line, wrong_usage_ends_with_one_line_and_status_two) {
     wrong({}, "no command given");
     wrong({"explode"}, "unknown command \"explode\"");
     wrong({"--json", "explode"}, "unknown command \"explode\"");
@@ -153,7 +153,7 @@ TEST(command_line, wrong_usage_ends_with_2_and_one_line) {
           "minor");
 }
 
-TEST(command_line, help_ends_with_0_and_names_every_command) {
+TEST(command_line, help_succeeds_and_names_every_command) {
     auto parsed = parse({"--help"});
     auto *early = std::get_if<ctl::Early>(&parsed);
     ASSERT_NE(nullptr, early);

@@ -10,7 +10,7 @@ namespace {
 using Nodes = fake::Console;
 using nlohmann::json;
 
-TEST_F(Nodes, a_driver_that_is_not_there_is_one_line_and_1) {
+TEST_F(Nodes, a_driver_that_is_not_there_is_one_line_and_status_one) {
     std::ostringstream out, err;
     ctl::World world;
     world.out = &out;
@@ -63,7 +63,7 @@ TEST_F(Nodes, add_filter_after_a_crash_tells_why_everything_counts) {
     EXPECT_EQ("trakctl: note: " + sentence + "\n", err);
 }
 
-TEST_F(Nodes, refusals_are_one_line_and_1) {
+TEST_F(Nodes, refusals_are_one_line_and_status_one) {
     add_filter();
     fails({"add-filter", "--disk", "/dev/image/a", "--extent-size", "64K", "--bmp-dir", "/b"},
           "node 0 is a filter on /dev/image/a already");
