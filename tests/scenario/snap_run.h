@@ -1,0 +1,382 @@
+// tests/scenario/snap_run.h: programs that use a filter and its snapshots at random, checked by the model
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// Knows the control interface and the nodes only; shares no code with the driver.
+#ifndef TRAK_TESTS_SCENARIO_SNAP_RUN_H
+#define TRAK_TESTS_SCENARIO_SNAP_RUN_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/scenario/snap_model.h"
+#include "tests/support/snap_world.h"
+
+namespace snap_run {
+
+using namespace snap_model;
+using snap_world::Machine;
+
+// What one run is made of; all of it comes from the seed.
+struct Plan {
+    std::uint64_t sectors = 512;
+    std::uint32_t chunk_size = 4096;
+    std::uint64_t longest = 64;  // sectors of a request
+    unsigned snaps = 2;          // nodes, with minors 1, 2, ...
+    unsigned submitters = 2;
+    unsigned in_flight = 2;  // of each submitter
+    unsigned ops = 40;       // of each task
+    bool file_system = false;
+    bool keep_one = true;  // the filter is never without a snap node: requests keep their order
+    bool faults = false;   // requests, syncs and allocations may fail
+
+    std::string text() const {
+        return "sectors " + std::to_string(sectors) + " chunk " + std::to_string(chunk_size) +
+               " longest " + std::to_string(longest) + " snaps " + std::to_string(snaps) +
+               " submitters " + std::to_string(submitters) + " in flight " +
+               std::to_string(in_flight) + (file_system ? " fs" : "") +
+               (keep_one ? "" : " none kept") + (faults ? " faults" : "");
+    }
+};
+
+struct SnapState {
+    std::uint32_t minor = 0;
+    bool created = false;
+    std::uint64_t epoch = 0;       // changes with every start and stop
+    std::unique_ptr<Image> image;  // while it runs and serves
+};
+
+struct Facts {
+    std::uint32_t started, valid, stop_pending;
+};
+
+inline std::optional<Facts> facts(std::uint32_t minor) {
+    trak_info_arg arg{};
+    arg.minor = minor;
+    if (driver_world::command(TRAK_GET_INFO, arg) != 0)
+        return std::nullopt;
+    return Facts{arg.started, arg.snap_valid, arg.stop_pending};
+}
+
+class Run {
+  public:
+    Run(Machine &machine, const Plan &plan)
+        : plan_(plan), machine_(machine), model_(plan.sectors, plan.keep_one && !plan.faults),
+          snaps_(plan.snaps) {
+        for (unsigned i = 0; i < plan.snaps; ++i)
+            snaps_[i].minor = i + 1;
+    }
+
+    const Plan &plan() const { return plan_; }
+    Model &model() { return model_; }
+    std::vector<SnapState> &snaps() { return snaps_; }
+    unsigned images_checked() const { return images_checked_; }
+    unsigned given_up() const { return given_up_; }
+    bool failed() const { return ::testing::Test::HasFailure(); }
+
+    // The filter, started, and all snap nodes.
+    void build() {
+        ASSERT_EQ(driver_world::add_filter(0), 0);
+        ASSERT_EQ(driver_world::start(0), 0);
+        for (SnapState &snap : snaps_)
+            create(snap);
+        if (plan_.file_system)
+            sim::attach_file_system(driver_world::node_dev(0));
+    }
+
+    void create(SnapState &snap) {
+        const int rc = snap_world::add_snap(static_cast<int>(snap.minor), plan_.chunk_size);
+        snap.created = rc == 0;
+        if (!plan_.faults) {
+            EXPECT_EQ(rc, 0);
+        }
+    }
+
+    // ---- tasks ------------------------------------------------------------------------------
+
+    // Writes and reads of the filter, several in flight.
+    void submitter() {
+        os_bdev *bdev = open(0);
+        if (bdev == nullptr)
+            return;
+        std::vector<Pending> pending;
+        for (unsigned i = 0; i < plan_.ops && !failed(); ++i) {
+            if (pending.size() == plan_.in_flight)
+                finish_one(pending);
+            pending.push_back(submit(bdev));
+            if (sim::random(8) == 0)
+                sim::sleep_ms(static_cast<unsigned>(sim::random(5)));
+        }
+        while (!pending.empty())
+            finish_one(pending);
+        sim::close_device(bdev);
+    }
+
+    // Reads of snaps that run.
+    void reader() {
+        for (unsigned i = 0; i < plan_.ops && !failed(); ++i) {
+            SnapState &snap = snaps_[sim::random(snaps_.size())];
+            if (snap.image != nullptr)
+                read_some(snap);
+            sim::yield();
+        }
+    }
+
+    // Starts, stops, deletes.
+    void controller() {
+        for (unsigned i = 0; i < plan_.ops / 4 && !failed(); ++i) {
+            SnapState &snap = snaps_[sim::random(snaps_.size())];
+            switch (sim::random(6)) {
+            case 0:
+                stop(snap);
+                break;
+            case 1:
+                remove(snap);
+                break;
+            default:
+                if (!snap.created)
+                    create(snap);
+                else
+                    start(snap);
+            }
+            sim::sleep_ms(static_cast<unsigned>(sim::random(20)));
+        }
+    }
+
+    // Everything at once, to its end.
+    void work() {
+        std::vector<sim::Process *> tasks;
+        for (unsigned i = 0; i < plan_.submitters; ++i)
+            tasks.push_back(sim::spawn("submitter", [this] { submitter(); }));
+        tasks.push_back(sim::spawn("reader", [this] { reader(); }));
+        tasks.push_back(sim::spawn("controller", [this] { controller(); }));
+        for (sim::Process *task : tasks)
+            sim::join(task);
+    }
+
+    // Every image that is there, from end to end, and the disk.
+    void check_all() {
+        for (SnapState &snap : snaps_) {
+            if (snap.image != nullptr)
+                check_image(snap);
+        }
+        check_disk();
+    }
+
+    // ---- single steps -----------------------------------------------------------------------
+
+    void start(SnapState &snap) {
+        const std::uint64_t from = model_.tick();
+        const int rc = driver_world::start(snap.minor);
+        const std::uint64_t to = model_.tick();
+        if (rc == 0) {
+            ++snap.epoch;
+            snap.image = std::make_unique<Image>(model_, from, to);
+            return;
+        }
+        if (rc == -EALREADY || rc == -EINVAL || rc == -EAGAIN || plan_.faults)
+            return;
+        ADD_FAILURE() << "start of snap " << snap.minor << ": " << rc;
+    }
+
+    void stop(SnapState &snap) {
+        const int rc = driver_world::stop(snap.minor);
+        if (rc != 0 && rc != -EBUSY && snap.created) {
+            ADD_FAILURE() << "stop of snap " << snap.minor << ": " << rc;
+        }
+        refresh();
+    }
+
+    void remove(SnapState &snap) {
+        if (plan_.keep_one && &snap == &snaps_.front())
+            return;
+        const int rc = driver_world::del(snap.minor);
+        if (rc != 0 && rc != -EBUSY && snap.created) {
+            ADD_FAILURE() << "delete of snap " << snap.minor << ": " << rc;
+        }
+        refresh();
+    }
+
+    // Drops the images of snaps that do not serve any more.
+    void refresh() {
+        for (SnapState &snap : snaps_) {
+            const auto now = facts(snap.minor);
+            snap.created = now.has_value();
+            if (snap.image != nullptr && (!now || now->started == 0 || now->stop_pending != 0)) {
+                ++snap.epoch;
+                snap.image.reset();
+            }
+        }
+    }
+
+    void read_some(SnapState &snap) {
+        os_bdev *bdev = open(snap.minor);
+        if (bdev == nullptr)
+            return;
+        const std::uint64_t epoch = snap.epoch;
+        for (unsigned i = 0; i < 3 && !failed(); ++i) {
+            const auto [sector, count] = pick_range();
+            read_image(snap, epoch, bdev, sector, count);
+        }
+        sim::close_device(bdev);
+    }
+
+    void check_image(SnapState &snap) {
+        os_bdev *bdev = open(snap.minor);
+        if (bdev == nullptr)
+            return;
+        bool whole = true;
+        for (std::uint64_t s = 0; s < plan_.sectors && whole && !failed();) {
+            const std::uint64_t count = std::min(plan_.sectors - s, 1 + sim::random(plan_.longest));
+            whole = read_image(snap, snap.epoch, bdev, s, count);
+            s += count;
+        }
+        sim::close_device(bdev);
+        if (!whole || failed() || snap.image == nullptr)
+            return;
+        ++images_checked_;
+        const std::string wrong = snap.image->check_whole();
+        if (!wrong.empty()) {
+            ADD_FAILURE() << "snap " << snap.minor << ": " << wrong << "\n" << plan_.text();
+        }
+    }
+
+    void check_disk() {
+        const Bytes bytes = machine_.disk.read(0, plan_.sectors * kSector);
+        const std::uint64_t now = model_.tick();
+        for (std::uint64_t s = 0; s < plan_.sectors; ++s) {
+            const std::int64_t what = model_.shown(bytes.data() + s * kSector, s);
+            if (plan_.faults && what == kForged)
+                continue;  // a failed write leaves anything
+            if (!model_.allowed(s, what, now, now)) {
+                ADD_FAILURE() << "the disk: " << model_.describe(s, what) << "\n" << plan_.text();
+                return;
+            }
+        }
+    }
+
+    // Writes that change every chunk, one after the other.
+    void overwrite_all() {
+        os_bdev *bdev = open(0);
+        if (bdev == nullptr)
+            return;
+        for (std::uint64_t s = 0; s < plan_.sectors && !failed();) {
+            const std::uint64_t count = std::min(plan_.sectors - s, 1 + sim::random(plan_.longest));
+            std::vector<Pending> one{submit_write(bdev, s, count, false)};
+            finish_one(one);
+            s += count;
+        }
+        sim::close_device(bdev);
+    }
+
+  private:
+    struct Pending {
+        sim::Request *request;
+        std::size_t id;  // of the write; 0: a read
+        std::uint64_t sector;
+        std::uint64_t given;
+    };
+
+    os_bdev *open(std::uint32_t minor) {
+        int err = 0;
+        const std::uint32_t mode = minor == 0 ? OS_FMODE_READ | OS_FMODE_WRITE : OS_FMODE_READ;
+        return sim::open_device(driver_world::node_dev(minor), mode, &err);
+    }
+
+    // Long ones are rare; many begin near the start, so that requests meet.
+    std::pair<std::uint64_t, std::uint64_t> pick_range() {
+        const std::uint64_t longest = sim::random(6) == 0 ? plan_.longest : plan_.longest / 8 + 1;
+        const std::uint64_t count = 1 + sim::random(std::min(longest, plan_.sectors));
+        const std::uint64_t room = plan_.sectors - count + 1;
+        return {sim::random(sim::random(2) == 0 ? room : room / 8 + 1), count};
+    }
+
+    Pending submit_write(os_bdev *bdev, std::uint64_t sector, std::uint64_t count, bool zeroes) {
+        if (plan_.file_system)
+            sim::wait_while_frozen(driver_world::node_dev(0));
+        const std::size_t id = model_.begin(sector, count, zeroes);
+        const std::uint32_t rw = OS_BIO_WRITE | (zeroes ? OS_BIO_ZEROES : 0);
+        sim::Request *request = sim::start_request(bdev, rw, sector, model_.bytes(id));
+        model_.taken(id);
+        return {request, id, sector, 0};
+    }
+
+    Pending submit(os_bdev *bdev) {
+        const auto [sector, count] = pick_range();
+        const std::uint64_t what = sim::random(20);
+        if (what < 4) {
+            const std::uint64_t given = model_.tick();
+            return {sim::start_request(bdev, 0, sector, Bytes(count * kSector)), 0, sector, given};
+        }
+        if (what == 4) {
+            const std::uint64_t given = model_.tick();
+            return {sim::start_request(bdev, OS_BIO_WRITE | OS_BIO_FLUSH, 0, {}), 0, 0, given};
+        }
+        return submit_write(bdev, sector, count, what == 5);
+    }
+
+    void finish_one(std::vector<Pending> &pending) {
+        const Pending one = pending.front();
+        pending.erase(pending.begin());
+        Bytes data;
+        const int rc = sim::wait_request(one.request, &data);
+        if (rc != 0 && !plan_.faults) {
+            ADD_FAILURE() << "a request at sector " << one.sector << ": " << rc;
+        }
+        if (one.id != 0) {
+            model_.ended(one.id, rc != 0);
+            return;
+        }
+        const std::uint64_t now = model_.tick();
+        for (std::size_t i = 0; rc == 0 && i < data.size() / kSector; ++i) {
+            const std::int64_t what = model_.shown(data.data() + i * kSector, one.sector + i);
+            if (plan_.faults && what == kForged)
+                continue;
+            if (!model_.allowed(one.sector + i, what, one.given, now)) {
+                ADD_FAILURE() << "a read of the filter: " << model_.describe(one.sector + i, what)
+                              << "\n"
+                              << plan_.text();
+                return;
+            }
+        }
+    }
+
+    // False when it could not be read, which must have a reason.
+    bool read_image(SnapState &snap, std::uint64_t epoch, os_bdev *bdev, std::uint64_t sector,
+                    std::uint64_t count) {
+        Bytes bytes(count * kSector);
+        const int rc = sim::read_device(bdev, sector, bytes);
+        if (snap.image == nullptr || snap.epoch != epoch)
+            return false;
+        if (rc == 0) {
+            const std::string wrong = snap.image->check(sector, bytes);
+            if (!wrong.empty()) {
+                ADD_FAILURE() << "snap " << snap.minor << ": " << wrong << "\n" << plan_.text();
+            }
+            return true;
+        }
+        const auto now = facts(snap.minor);
+        const bool invalid = now && now->valid == 0;
+        given_up_ += invalid;
+        if (!plan_.faults && !(now && now->stop_pending != 0)) {
+            ADD_FAILURE() << "a read of snap " << snap.minor << " at sector " << sector << ": "
+                          << rc << "\n"
+                          << plan_.text();
+        }
+        return false;
+    }
+
+    Plan plan_;
+    Machine &machine_;
+    Model model_;
+    std::vector<SnapState> snaps_;
+    unsigned images_checked_ = 0;
+    unsigned given_up_ = 0;
+};
+
+}  // namespace snap_run
+
+#endif
