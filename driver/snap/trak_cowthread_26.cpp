@@ -151,6 +151,7 @@ int cowthread(void *arg) {
     trak_log(TRAK_LOG_MILESTONE, "%s(): Preallocated %d pages and %d bio for %d chunks", kWorker,
              static_cast<int>(kGroupPages), static_cast<int>(kGroupPages),
              static_cast<int>(kGroupPages));
+    trak_write_once(thread->serving, 1u);
     os_complete(&thread->ready);
     run(work);
     free_work(work);

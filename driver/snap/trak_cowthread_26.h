@@ -17,14 +17,14 @@ struct trak_cowthread {
     std::int32_t pid;  // 0: not running
     trak_device *owner;
     os_completion exited;
-    os_completion ready;   // signalled once the working set is there, or failed
-    std::uint32_t failed;  // 1: the working set could not be had; the thread ends by itself
+    os_completion ready;    // signalled once the working set is there, or could not be had:
+    std::uint32_t serving;  // 1: it is there
+    std::uint32_t failed;   // 1: it is not; the thread ends by itself
 };
 
-// True while the thread serves its queue. Exact with the filter's snap_rwlock held.
+// True while the thread serves its queue. With the filter's snap_rwlock held it stays true.
 [[nodiscard]] inline bool trak_cowthread_running(const trak_cowthread *thread) {
-    return trak_read_once(thread->pid) != 0 && trak_read_once(thread->stop) == 0 &&
-           trak_read_once(thread->failed) == 0;
+    return trak_read_once(thread->serving) != 0 && trak_read_once(thread->stop) == 0;
 }
 
 // All sleep, and are called one at a time for a filter (dev_mutex) with no other lock of rank 40 or

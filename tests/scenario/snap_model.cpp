@@ -44,12 +44,13 @@ sim::Options options_of(std::uint64_t seed) {
 void run_plan(std::uint64_t seed, const Plan &plan) {
     Machine machine(plan.sectors * kSector);
     snap_world::prepare(machine);
-    Run run(machine, plan);
+    SnapRun run(machine, plan);
     driver_world::boot(
         machine,
         [&] {
             run.build();
             run.work();
+            sim::fail_none();
             run.check_all();
             run.overwrite_all();
             run.check_all();
@@ -61,4 +62,42 @@ void run_plan(std::uint64_t seed, const Plan &plan) {
 
 TEST(snapshot, reads_and_disk_equal_the_model_under_random_work) {
     sim::for_each_seed(150, [](std::uint64_t seed) { run_plan(seed, plan_of(seed)); });
+}
+
+TEST(snapshot, is_the_same_after_the_module_was_loaded_again) {
+    sim::for_each_seed(60, [](std::uint64_t seed) {
+        const Plan plan = plan_of(seed);
+        Machine machine(plan.sectors * kSector);
+        snap_world::prepare(machine);
+        SnapRun run(machine, plan);
+        driver_world::boot(
+            machine,
+            [&] {
+                run.build();
+                run.work();
+                run.reload();
+                run.work();
+                run.check_all();
+                run.reload();
+                run.overwrite_all();
+                run.check_all();
+            },
+            1, options_of(seed));
+    });
+}
+
+TEST(snapshot, holds_or_is_given_up_where_anything_may_fail) {
+    sim::for_each_seed(150, [](std::uint64_t seed) {
+        Plan plan = plan_of(seed);
+        plan.faults = true;
+        run_plan(seed, plan);
+    });
+}
+
+TEST(snapshot, is_given_up_and_the_disk_goes_on_where_the_cow_files_have_no_room) {
+    sim::for_each_seed(100, [](std::uint64_t seed) {
+        Plan plan = plan_of(seed);
+        plan.full = true;
+        run_plan(seed, plan);
+    });
 }

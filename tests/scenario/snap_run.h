@@ -32,13 +32,14 @@ struct Plan {
     bool file_system = false;
     bool keep_one = true;  // the filter is never without a snap node: requests keep their order
     bool faults = false;   // requests, syncs and allocations may fail
+    bool full = false;     // the file system of the COW files runs full
 
     std::string text() const {
         return "sectors " + std::to_string(sectors) + " chunk " + std::to_string(chunk_size) +
                " longest " + std::to_string(longest) + " snaps " + std::to_string(snaps) +
                " submitters " + std::to_string(submitters) + " in flight " +
                std::to_string(in_flight) + (file_system ? " fs" : "") +
-               (keep_one ? "" : " none kept") + (faults ? " faults" : "");
+               (keep_one ? "" : " none kept") + (faults ? " faults" : "") + (full ? " full" : "");
     }
 };
 
@@ -56,14 +57,19 @@ struct Facts {
 inline std::optional<Facts> facts(std::uint32_t minor) {
     trak_info_arg arg{};
     arg.minor = minor;
-    if (driver_world::command(TRAK_GET_INFO, arg) != 0)
+    int rc;
+    do {
+        arg.minor = minor;
+        rc = driver_world::command(TRAK_GET_INFO, arg);
+    } while (rc != 0 && rc != -EINVAL);  // there was no memory for the command
+    if (rc != 0)
         return std::nullopt;
     return Facts{arg.started, arg.snap_valid, arg.stop_pending};
 }
 
-class Run {
+class SnapRun {
   public:
-    Run(Machine &machine, const Plan &plan)
+    SnapRun(Machine &machine, const Plan &plan)
         : plan_(plan), machine_(machine), model_(plan.sectors, plan.keep_one && !plan.faults),
           snaps_(plan.snaps) {
         for (unsigned i = 0; i < plan.snaps; ++i)
@@ -88,7 +94,10 @@ class Run {
     }
 
     void create(SnapState &snap) {
+        creating_ = true;  // without memory the creation keeps the node table locked
+        sim::fail_none();
         const int rc = snap_world::add_snap(static_cast<int>(snap.minor), plan_.chunk_size);
+        creating_ = false;
         snap.created = rc == 0;
         if (!plan_.faults) {
             EXPECT_EQ(rc, 0);
@@ -146,6 +155,23 @@ class Run {
         }
     }
 
+    // Lets things fail for a while, again and again.
+    void saboteur() {
+        for (unsigned i = 0; i < 4 && !failed(); ++i) {
+            sim::sleep_ms(static_cast<unsigned>(sim::random(30)));
+            sim::wait_until([this] { return !creating_; });
+            if (plan_.full) {
+                machine_.storage.set_free_bytes("/cow", sim::random(100000));
+            } else {
+                const auto kind = static_cast<unsigned>(sim::random(5));
+                static constexpr sim::Fault kinds[] = {sim::Fault::kAlloc, sim::Fault::kRead,
+                                                       sim::Fault::kWrite, sim::Fault::kFlush,
+                                                       sim::Fault::kOpen};
+                sim::fail_random(kinds[kind], static_cast<unsigned>(sim::random(100)));
+            }
+        }
+    }
+
     // Everything at once, to its end.
     void work() {
         std::vector<sim::Process *> tasks;
@@ -153,6 +179,8 @@ class Run {
             tasks.push_back(sim::spawn("submitter", [this] { submitter(); }));
         tasks.push_back(sim::spawn("reader", [this] { reader(); }));
         tasks.push_back(sim::spawn("controller", [this] { controller(); }));
+        if (plan_.faults || plan_.full)
+            tasks.push_back(sim::spawn("saboteur", [this] { saboteur(); }));
         for (sim::Process *task : tasks)
             sim::join(task);
     }
@@ -166,6 +194,22 @@ class Run {
         check_disk();
     }
 
+    // The module goes and comes back while nobody writes; what ran is resumed, newest first.
+    void reload() {
+        std::vector<std::uint32_t> order = snap_minors();
+        std::vector<std::optional<Facts>> before(plan_.snaps + 1);
+        for (SnapState &snap : snaps_)
+            before[snap.minor] = facts(snap.minor);
+        ASSERT_EQ(trak_cleanup(), 0);
+        ASSERT_EQ(trak_init(), 0);
+        ASSERT_EQ(driver_world::add_filter(0), 0);
+        ASSERT_EQ(driver_world::start(0), 0);
+        for (const std::uint32_t minor : order)
+            create(snaps_[minor - 1]);
+        for (std::size_t i = order.size(); i-- > 0;)
+            resume(snaps_[order[i] - 1], *before[order[i]]);
+    }
+
     // ---- single steps -----------------------------------------------------------------------
 
     void start(SnapState &snap) {
@@ -177,24 +221,44 @@ class Run {
             snap.image = std::make_unique<Image>(model_, from, to);
             return;
         }
-        if (rc == -EALREADY || rc == -EINVAL || rc == -EAGAIN || plan_.faults)
+        if (rc == -EALREADY || rc == -EINVAL || rc == -EAGAIN || plan_.faults || plan_.full)
             return;
         ADD_FAILURE() << "start of snap " << snap.minor << ": " << rc;
     }
 
     void stop(SnapState &snap) {
         const int rc = driver_world::stop(snap.minor);
-        if (rc != 0 && rc != -EBUSY && snap.created) {
+        if (rc != 0 && rc != -EBUSY && snap.created && !plan_.faults) {
             ADD_FAILURE() << "stop of snap " << snap.minor << ": " << rc;
         }
         refresh();
+    }
+
+    void resume(SnapState &snap, const Facts &before) {
+        ++snap.epoch;
+        if (before.started == 0)
+            return;
+        const int rc = snap_world::resume(snap.minor, before.valid, before.stop_pending);
+        if (rc != 0) {
+            snap.image.reset();
+            // What was given up is cut to nothing.
+            EXPECT_EQ(rc, -EIO);
+            EXPECT_TRUE(before.valid == 0) << "snap " << snap.minor;
+        }
+    }
+
+    // The minors of the filter's snaps, oldest start first.
+    std::vector<std::uint32_t> snap_minors() {
+        trak_info_arg arg{};
+        EXPECT_EQ(driver_world::command(TRAK_GET_INFO, arg), 0);
+        return {arg.snap_minors, arg.snap_minors + arg.snaps};
     }
 
     void remove(SnapState &snap) {
         if (plan_.keep_one && &snap == &snaps_.front())
             return;
         const int rc = driver_world::del(snap.minor);
-        if (rc != 0 && rc != -EBUSY && snap.created) {
+        if (rc != 0 && rc != -EBUSY && snap.created && !plan_.faults) {
             ADD_FAILURE() << "delete of snap " << snap.minor << ": " << rc;
         }
         refresh();
@@ -361,7 +425,8 @@ class Run {
         const auto now = facts(snap.minor);
         const bool invalid = now && now->valid == 0;
         given_up_ += invalid;
-        if (!plan_.faults && !(now && now->stop_pending != 0)) {
+        const bool excused = plan_.faults || (plan_.full && invalid);
+        if (!excused && !(now && now->stop_pending != 0)) {
             ADD_FAILURE() << "a read of snap " << snap.minor << " at sector " << sector << ": "
                           << rc << "\n"
                           << plan_.text();
@@ -375,6 +440,7 @@ class Run {
     std::vector<SnapState> snaps_;
     unsigned images_checked_ = 0;
     unsigned given_up_ = 0;
+    bool creating_ = false;
 };
 
 }  // namespace snap_run
