@@ -244,6 +244,8 @@ std::vector<std::string> &log_lines();
 // ---- sched.cpp
 // A scheduling point: others may run, an interrupt may come, the power may go.
 void point();
+// Lets another task run, or the same one again; `us` of time go by.
+void give_way(std::uint64_t us);
 // Stops the calling task until make_runnable; the caller has put it where it is found.
 void block(Wait wait, const void *on);
 void make_runnable(os_task *task);
