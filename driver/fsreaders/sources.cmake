@@ -3,5 +3,9 @@
 list(APPEND TRAK_DRIVER_SOURCES
      fsreaders/blkbmp.cpp
      fsreaders/datablock_commands.cpp
+     fsreaders/ext2_reader.cpp
      fsreaders/readers.cpp
-     fsreaders/sparse_array.cpp)
+     fsreaders/reiserfs_reader.cpp
+     fsreaders/sparse_array.cpp
+     fsreaders/xfs_reader.cpp
+     fsreaders/xfs_tree.cpp)
