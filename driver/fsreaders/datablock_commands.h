@@ -6,7 +6,8 @@
 #include "abi/trak_ioctl.h"
 #include "driver/block/device.h"
 
-// -EOPNOTSUPP until the readers of file systems come.
+// The snap's bitmap at the extent size of the caller; the node table is held for reading. 0 or a
+// negative errno.
 int trak_ioctl_get_datablock_bmp(trak_device *dev, trak_datablock_arg *arg);
 int trak_ioctl_test_datablock(trak_test_datablock_arg *arg);
 

@@ -6,6 +6,8 @@ list(APPEND TRAK_DRIVER_SOURCES
      fsreaders/ext2_reader.cpp
      fsreaders/readers.cpp
      fsreaders/reiserfs_reader.cpp
+     fsreaders/self_test.cpp
+     fsreaders/self_test_reader.cpp
      fsreaders/sparse_array.cpp
      fsreaders/xfs_reader.cpp
      fsreaders/xfs_tree.cpp)
