@@ -80,7 +80,8 @@ struct Ring {
     std::uint64_t wake_count = 0;
 };
 
-std::unique_ptr<Ring> the_ring;
+// Never destroyed by an exit without a stop: its threads still use it then.
+Ring *the_ring = nullptr;
 
 // Completions of the helper come back through the queue under this kind.
 constexpr Operation::Kind kHelped = static_cast<Operation::Kind>(100);
@@ -297,7 +298,7 @@ int ring_start(unsigned depth, std::string *why) {
         SignalsBlocked blocked;
         ring->helper = std::thread([p] { run_helper(*p); });
     }
-    the_ring = std::move(ring);
+    the_ring = ring.release();
     return 0;
 }
 
@@ -318,7 +319,8 @@ void ring_stop() {
     }
     ring.helper.join();
     close(ring.wake_fd);
-    the_ring.reset();
+    delete the_ring;
+    the_ring = nullptr;
 }
 
 void ring_submit(Operation *op) {

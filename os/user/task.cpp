@@ -31,34 +31,43 @@ struct KernelThread {
     bool ended = false;
 };
 
-Mutex threads_mutex;
-Condition threads_changed;
-std::list<KernelThread> threads USER_GUARDED_BY(threads_mutex);
+struct KernelThreads {
+    Mutex mutex;
+    Condition changed;
+    std::list<KernelThread> list USER_GUARDED_BY(mutex);
+};
+
+KernelThreads &kernel_threads() {
+    static KernelThreads *all = new KernelThreads;  // outlives them, in an exit without a stop too
+    return *all;
+}
 
 std::atomic<int> references{0};
 
 void *run_kernel_thread(void *p) {
     KernelThread *thread = static_cast<KernelThread *>(p);
+    KernelThreads &all = kernel_threads();
     {
-        Guard held(threads_mutex);
+        Guard held(all.mutex);
         thread->pid = current().pid;
-        threads_changed.notify_all();
+        all.changed.notify_all();
     }
     thread->fn(thread->arg);
-    Guard held(threads_mutex);
+    Guard held(all.mutex);
     thread->ended = true;
     return nullptr;
 }
 
 // Joins those that are at their end, or all.
-void reap(bool all) {
+void reap(bool every_one) {
+    KernelThreads &all = kernel_threads();
     std::list<KernelThread> gone;
     {
-        Guard held(threads_mutex);
-        for (auto it = threads.begin(); it != threads.end();) {
+        Guard held(all.mutex);
+        for (auto it = all.list.begin(); it != all.list.end();) {
             auto next = std::next(it);
-            if (it->ended || all)
-                gone.splice(gone.end(), threads, it);
+            if (it->ended || every_one)
+                gone.splice(gone.end(), all.list, it);
             it = next;
         }
     }
@@ -168,9 +177,10 @@ void os_cond_resched(void) {}
 
 int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long) {
     user::reap(false);
-    user::Guard held(user::threads_mutex);
-    user::threads.emplace_back();
-    user::KernelThread &thread = user::threads.back();
+    user::KernelThreads &all = user::kernel_threads();
+    user::Guard held(all.mutex);
+    all.list.emplace_back();
+    user::KernelThread &thread = all.list.back();
     thread.fn = fn;
     thread.arg = arg;
     int err;
@@ -179,12 +189,12 @@ int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long) {
         err = pthread_create(&thread.handle, nullptr, user::run_kernel_thread, &thread);
     }
     if (err) {
-        user::threads.pop_back();
+        all.list.pop_back();
         return -err;
     }
     // The list's nodes stay where they are, and a thread is reaped only once it has its pid.
     while (thread.pid == 0)
-        user::threads_changed.wait(user::threads_mutex);
+        all.changed.wait(all.mutex);
     return thread.pid;
 }
 
