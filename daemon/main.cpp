@@ -114,7 +114,6 @@ int Daemon::load(const Options &options, std::string *why) {
     if (log_start(targets, why) != 0) {
         return -1;
     }
-    pressure_report();
     for (const Image &image : options.images) {
         std::string reason;
         if (const int rc = user::add_image(image.name, image.file, nullptr, &reason); rc != 0) {
@@ -172,6 +171,7 @@ int Daemon::run(const Options &options, Starter *starter) {
         starter->fail(why);
         ::_exit(kExitFailed);
     }
+    pressure_report();
     report("serving at {}", options.mount_point);
     starter->ready();
     return wait_for_end();

@@ -92,6 +92,8 @@ class Server {
     void await_releases(std::uint32_t minor);
 
   private:
+    [[nodiscard]] bool is_open(std::uint32_t minor);
+
     const std::string mount_point_;
     const Receivers::OnEnd on_end_;
     void *const arg_;

@@ -5,6 +5,8 @@
 # Part of demo.sh, which has the functions used here. COW files and bitmap files need a file system
 # on a block device: a small one on a loop device, so that it can be filled up.
 
+: "${dir:?}" "${here:?}"
+
 now() { python3 -c 'import time; print(time.monotonic())'; }
 
 # A snapshot of filter 0 with its COW files in directory $2, and the times around its start.

@@ -17,6 +17,7 @@ import os
 import shutil
 import signal
 import sys
+import tempfile
 import time
 
 MNT_DETACH = 2
@@ -42,7 +43,7 @@ def unescape(text):
 
 
 def mounts(below):
-    """[(mount point, type, minor of its device)] at or below a directory, the last mounted first."""
+    """[(mount point, type, minor of its device)] below a directory, the last mounted first."""
     found = []
     with open("/proc/self/mountinfo", encoding="utf-8", errors="replace") as table:
         for line in table:
@@ -92,13 +93,23 @@ def daemons(below):
 
 def abort(below):
     """Ends the FUSE connections of all mounts below: what waits for them goes on with an error."""
-    for _, kind, minor in mounts(below):
-        if kind.startswith("fuse"):
-            try:
-                with open(f"{CONNECTIONS}/{minor}/abort", "w", encoding="ascii") as file:
-                    file.write("1")
-            except OSError:
-                pass  # gone already, or the control file system is not mounted
+    wanted = [minor for _, kind, minor in mounts(below) if kind.startswith("fuse")]
+    if not wanted:
+        return
+    where, mounted = CONNECTIONS, None
+    if not os.path.exists(f"{where}/{wanted[0]}"):
+        # Not every machine mounts this file system; there is only one of it, wherever it is shown.
+        where = mounted = tempfile.mkdtemp(prefix="trak-fusectl.")
+        libc.mount(b"fusectl", where.encode(), b"fusectl", 0, None)
+    for minor in wanted:
+        try:
+            with open(f"{where}/{minor}/abort", "w", encoding="ascii") as file:
+                file.write("1")
+        except OSError as error:
+            print(f"can't abort FUSE connection {minor}: {error.strerror}", flush=True)
+    if mounted:
+        libc.umount2(mounted.encode(), MNT_DETACH)
+        os.rmdir(mounted)
 
 
 def clear_loop(name):
