@@ -62,10 +62,9 @@ void show(const App &app, const Bitmap &bitmap, const char *extent_word) {
     json.number("size", bitmap.size).number("extents", bitmap.count);
     json.number("extent_size", bitmap.unit_size).number("marked_extents", marked);
     json.number("marked_bytes", bitmap.marked_bytes());
-    std::string text =
-        fmt::format("# {}: {} of {} {} of {} ({}, {})\n", which(r), marked, bitmap.count,
-                    extent_word, size_text(bitmap.unit_size), size_text(bitmap.marked_bytes()),
-                    percent_text(marked, bitmap.count));
+    std::string text = fmt::format("# {}: {} of {} {} ({}, {}), {} each\n", which(r), marked,
+                                   bitmap.count, extent_word, size_text(bitmap.marked_bytes()),
+                                   percent_text(marked, bitmap.count), size_text(bitmap.unit_size));
     if (!r.file.empty()) {
         json.text("file", r.file);
     } else {
@@ -105,7 +104,7 @@ void get(const App &app) {
     if (rc < 0)
         fail(app, rc, "get the " + which(r));
     prepare_file(app, file, bitmap.size);
-    deliver(app, bitmap, file, "extents changed,");
+    deliver(app, bitmap, file, "extents changed");
 }
 
 void get_clear(const App &app) {
@@ -120,7 +119,7 @@ void get_clear(const App &app) {
     if (rc < 0)
         fail(app, rc, "get and clear the " + which(r));
     try {
-        deliver(app, bitmap, file, "extents changed,");
+        deliver(app, bitmap, file, "extents changed");
     } catch (const Failure &failure) {
         rc = trak_merge_bmp(app.t(), r.minor, bitmap_type(r.kind), bitmap.bits, bitmap.size);
         throw Failure{fmt::format("{}; {}", failure.text,
@@ -199,7 +198,7 @@ void datablock(App &app) {
     if (rc < 0)
         fail(app, rc, "get the " + which(r));
     prepare_file(app, file, bitmap.size);
-    deliver(app, bitmap, file, "extents hold data,");
+    deliver(app, bitmap, file, "extents hold data");
 }
 
 }  // namespace ctl

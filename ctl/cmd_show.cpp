@@ -77,16 +77,23 @@ Json bitmap_file_json(uint32_t size, const std::string &file, uint32_t clear, ui
     return json;
 }
 
+Json incr_json(const trak_info_arg &info) {
+    return bitmap_file_json(info.incr_bmp_size, field_bytes(info.incr_bmp_fname),
+                            info.incr_bmp_clear, info.incr_bmp_full);
+}
+
+Json diff_json(const trak_info_arg &info) {
+    return bitmap_file_json(info.diff_bmp_size, field_bytes(info.diff_bmp_fname),
+                            info.diff_bmp_clear, info.diff_bmp_full);
+}
+
 Json filter_json(const trak_info_arg &info) {
     Json json = common(info), snaps = Json::array();
     for (uint32_t i = 0; i < info.snaps && i < TRAK_LIST_MAX; i++)
         snaps.add_number(info.snap_minors[i]);
     json.text("disk", field_bytes(info.hdd_name)).number("extent_size", info.extent_size);
     json.number("extent_cnt", info.extent_cnt).value("snaps", snaps);
-    json.value("incr", bitmap_file_json(info.incr_bmp_size, field_bytes(info.incr_bmp_fname),
-                                        info.incr_bmp_clear, info.incr_bmp_full));
-    json.value("diff", bitmap_file_json(info.diff_bmp_size, field_bytes(info.diff_bmp_fname),
-                                        info.diff_bmp_clear, info.diff_bmp_full));
+    json.value("incr", incr_json(info)).value("diff", diff_json(info));
     return json;
 }
 
@@ -195,10 +202,9 @@ void info(App &app) {
 namespace {
 
 // One bitmap of a filter in the status: how much of the disk it marks, and whether its file lags.
-std::string add_change(const App &app, Json &json, uint32_t minor, const char *kind) {
+std::string add_change(const App &app, Json &json, Json change, uint32_t minor, const char *kind) {
     Bitmap bitmap;
     int64_t dirty = -1;
-    Json change = Json::object();
     std::string text = "unknown";
     if (trak_bitmap_get(app.t(), minor, bitmap_type(kind), &bitmap) == 0) {
         uint64_t marked = bitmap.marked();
@@ -239,8 +245,8 @@ Json filter_status(const App &app, const trak_info_arg &info, Rows &rows) {
         json.integer("cowqueue_len", queued);
     else
         json.null("cowqueue_len");
-    std::string incr = add_change(app, json, info.minor, "incr");
-    std::string diff = add_change(app, json, info.minor, "diff");
+    std::string incr = add_change(app, json, incr_json(info), info.minor, "incr");
+    std::string diff = add_change(app, json, diff_json(info), info.minor, "diff");
     rows.push_back({std::to_string(info.minor), state_text(info), std::to_string(info.use_cnt),
                     size_text(info.dev_size), incr, diff, field_text(info.hdd_name)});
     Json snaps = Json::array();

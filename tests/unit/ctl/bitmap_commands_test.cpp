@@ -34,7 +34,7 @@ struct Bits : fake::Console {
 TEST_F(Bits, get_without_a_file_tells_every_run) {
     ASSERT_EQ(0, run({"bitmap", "get", "0", "incr"}));
     EXPECT_EQ(
-        "# incremental bitmap of node 0: 3 of 100 extents changed, of 64 KiB (191 KiB, 3.0%)\n"
+        "# incremental bitmap of node 0: 3 of 100 extents changed (191 KiB, 3.0%), 64 KiB each\n"
         "# first count bytes\n"
         "3 2 131072\n"
         "99 1 64536\n",

@@ -213,6 +213,8 @@ TEST_F(Nodes, status_tells_changes_and_snapshots) {
     EXPECT_EQ(2, filter["incr"]["changed_extents"]);
     EXPECT_EQ(2 * 65536 - 1000, filter["incr"]["changed_bytes"]) << "the last extent is cut";
     EXPECT_EQ(true, filter["incr"]["dirty"]);
+    EXPECT_EQ("/b/trak0.incr", filter["incr"]["file"]);
+    EXPECT_EQ(true, filter["diff"]["full"]);
     EXPECT_EQ(driver.dev_size, filter["diff"]["changed_bytes"]);
     EXPECT_EQ(nullptr, filter["diff"]["dirty"]) << "the tree has no such file here";
     EXPECT_EQ(4, filter["cowqueue_len"]);
