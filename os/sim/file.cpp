@@ -225,6 +225,8 @@ struct os_dentry *os_path_lookup(const char *path, int follow) {
     }
     if (err)
         return static_cast<os_dentry *>(os_err_ptr(err));
+    if (files().without_inode.count(trimmed(path)))
+        return nullptr;
     void *p = mem_alloc(Kind::kDentry, sizeof(os_dentry), __builtin_return_address(0));
     Inode *inode = found.inode.get();
     auto *dentry = new (p) os_dentry{inode, take_slot(path, std::move(found))};

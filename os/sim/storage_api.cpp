@@ -180,4 +180,11 @@ void Storage::fail_path(const std::string &path, Fault kind, int err) {
     impl->failing[trimmed(path)][static_cast<std::size_t>(kind)] = err < 0 ? -err : err;
 }
 
+void Storage::hide_inode(const std::string &path, bool hidden) {
+    if (hidden)
+        impl->without_inode.insert(trimmed(path));
+    else
+        impl->without_inode.erase(trimmed(path));
+}
+
 }  // namespace sim
