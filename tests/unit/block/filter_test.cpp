@@ -112,6 +112,16 @@ TEST(filter, what_is_no_block_device_is_refused) {
     });
 }
 
+TEST(filter, path_without_an_inode_is_refused) {
+    Machine machine;
+    machine.storage.hide_inode(kDiskPath, true);
+    boot(machine, [&] {
+        expect_refused(filter_arg(), -EINVAL, "Unable to derive major/minor numbers for /dev/sdb");
+        machine.storage.hide_inode(kDiskPath, false);
+        EXPECT_EQ(add_filter(), 0);
+    });
+}
+
 TEST(filter, symbolic_links_to_the_disk_are_followed) {
     Machine machine;
     machine.storage.symlink(kDiskPath, "/dev/mydisk");
