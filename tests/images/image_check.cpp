@@ -51,7 +51,11 @@ class Platform {
 
 // Chunk by chunk what the reference makes of them.
 bool chunk_used(const Reference &reference, std::uint64_t chunk, std::uint64_t ratio) {
-    for (std::uint64_t b = chunk * ratio; b < (chunk + 1) * ratio; ++b)
+    const std::uint64_t last = (chunk + 1) * ratio - 1;
+    if (reference.group != 0 && (last >= reference.used.size() ||
+                                 chunk * ratio / reference.group != last / reference.group))
+        return true;
+    for (std::uint64_t b = chunk * ratio; b <= last; ++b)
         if (b < reference.used.size() && reference.used[b])
             return true;
     return false;

@@ -42,6 +42,9 @@ std::vector<std::uint8_t> bytes_of(const std::string &path, std::uint64_t offset
 struct Reference {
     std::uint32_t block_size = 0;
     std::vector<bool> used;  // by block; blocks beyond it are free
+    // Blocks per group where free space is known per group only (0: not so): a chunk that no single
+    // group holds whole counts as used, the one at the end included.
+    std::uint64_t group = 0;
 };
 
 // Opens the image on the platform of user space and compares: block by block at the block size; at every
