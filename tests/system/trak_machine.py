@@ -22,6 +22,14 @@ TRAKCTL = os.path.join(BIN, "trakctl")
 MIB = 1 << 20
 
 
+def close_dead(fd):
+    """Closes a file of a trakd that may be gone: the close says so then."""
+    try:
+        os.close(fd)
+    except OSError:
+        pass
+
+
 class Daemon:
     """One trakd in the foreground, and what it logs."""
 

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """A test that waits inside the kernel for a trakd that does not answer can't help itself: no signal
 and no exception reaches it. So each test has a watcher, a process that touches nothing of trakd's.
-Told a name, it gives that test LIMIT seconds; then it prints where every thread of trakd and of the
+Told a name, it gives that test LIMIT seconds (or the number behind a "|" in it); then it prints where every thread of trakd and of the
 test waits, and the end of the log, and aborts the FUSE connections, which ends the waiting with an
 error in the test. When the test's process is gone, however it went, the watcher takes down what it
 left.
@@ -51,8 +51,8 @@ def print_stacks(pid):
                     if line.startswith(("Thread", "#")))[:20000])
 
 
-def explain(directory, pid, what):
-    print(f"\n{what}: took longer than {LIMIT} s; where everybody waits:", flush=True)
+def explain(directory, pid, what, limit):
+    print(f"\n{what}: took longer than {limit} s; where everybody waits:", flush=True)
     print_threads(pid)
     for daemon in trak_sweep.daemons(directory):
         print_threads(daemon)
@@ -65,7 +65,7 @@ def explain(directory, pid, what):
 
 
 def watch(directory, pid):
-    name, deadline = "", None
+    name, deadline, limit = "", None, LIMIT
     while True:
         left = None if deadline is None else max(0.0, deadline - time.monotonic())
         ready, _, _ = select.select([0], [], [], left)
@@ -73,10 +73,11 @@ def watch(directory, pid):
             told = os.read(0, 4096)
             if not told:
                 break
-            name = told.decode().splitlines()[-1]
-            deadline = time.monotonic() + LIMIT if name else None
+            name, _, seconds = told.decode().splitlines()[-1].partition("|")
+            limit = int(seconds or LIMIT)
+            deadline = time.monotonic() + limit
         else:
-            explain(directory, pid, name)
+            explain(directory, pid, name, limit)
             trak_sweep.abort(directory)
             # The test gets as long again to fail by itself; then its world goes away.
             deadline = time.monotonic() + LIMIT
