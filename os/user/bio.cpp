@@ -163,7 +163,11 @@ void os_generic_make_request(os_bio *bio) {
         return;
     }
     os_queue *queue = os_bdev_queue(bdev);
-    if (!user::is_node(bdev))
+    user::Limits limits = queue ? queue->limits.load() : user::Limits{};
+    if (((bio->rw & OS_BIO_DISCARD) && !limits.discard) ||
+        ((bio->rw & OS_BIO_ZEROES) && !limits.zeroes))
+        os_bio_endio(bio, -EOPNOTSUPP);
+    else if (!user::is_node(bdev))
         user::submit_to_backing(bdev, bio);
     else if (!queue || !queue->make_request)
         os_bio_endio(bio, -EIO);

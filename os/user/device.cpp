@@ -111,6 +111,8 @@ bool is_current_node(const os_bdev *bdev) {
 
 int open_node(os_bdev *bdev, std::uint32_t mode) {
     const os_block_device_operations *ops = bdev->disk->ops;
+    if ((mode & OS_FMODE_WRITE) && bdev->disk->read_only)
+        return -EACCES;
     int rc = ops->open ? ops->open(bdev, mode) : 0;
     // The driver knows nodes by number: it may have opened the successor of the one that we hold.
     if (!rc && !is_current_node(bdev)) {
@@ -148,6 +150,20 @@ void remember_disk_path(os_dev_t dev, const std::string &path) {
     Devices &all = devices();
     Guard held(all.mutex);
     all.paths[dev] = path;
+}
+
+std::string device_leftovers() {
+    Devices &all = devices();
+    Guard held(all.mutex);
+    std::string left;
+    for (const auto &[dev, bdev] : all.open)
+        left += "open device (" + std::to_string(os_major(dev)) + ", " +
+                std::to_string(os_minor(dev)) + ")\n";
+    for (const auto &[dev, disk] : all.nodes)
+        left += "node " + disk->name + "\n";
+    for (const auto &[major, name] : all.majors)
+        left += "block major " + std::to_string(major) + "\n";
+    return left;
 }
 
 void forget_devices() {

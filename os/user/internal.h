@@ -12,9 +12,17 @@ namespace user {
 
 void log_start(std::size_t limit);
 
+// What the driver left behind, a line each: open devices, nodes, names, registrations, /proc entries,
+// module references, threads. For tests, before stop().
+std::string leftovers();
+std::string chardev_leftovers();
+std::string device_leftovers();
+std::string proc_leftovers();
+
 // What a platform forgets when it stops.
 void forget_names();
 void forget_proc();
+void forget_chardev();
 void forget_devices();
 
 // "/dev/image/NAME" and "/dev/trak/NAME" with doubled slashes folded; the folder is "image" or

@@ -47,6 +47,15 @@ int start(const Options &options, std::string *why) {
     return rc;
 }
 
+std::string leftovers() {
+    std::string left = device_leftovers() + proc_leftovers() + chardev_leftovers();
+    for (const DevName &name : dev_names())
+        left += "special file /dev/trak/" + name.name + "\n";
+    if (int references = module_references())
+        left += std::to_string(references) + " references of the module\n";
+    return left;
+}
+
 void stop() {
     Guard held(mutex);
     if (!running)
@@ -58,6 +67,7 @@ void stop() {
     (void)set_tree("");
     forget_names();
     forget_proc();
+    forget_chardev();
     forget_devices();
     running = false;
 }

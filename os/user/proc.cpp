@@ -187,6 +187,15 @@ long proc_write(const std::string &path, std::string_view text) {
     return rc;
 }
 
+std::string proc_leftovers() {
+    Tree &all = tree();
+    Guard held(all.mutex);
+    std::string left;
+    for (const os_proc_entry *entry : all.top.children)
+        left += "/proc/" + entry->name + "\n";
+    return left;
+}
+
 void forget_proc() {
     Tree &all = tree();
     Guard held(all.mutex);
