@@ -75,6 +75,21 @@ def reap():
             return
 
 
+def wait_for(child, seconds):
+    """The child's status; meanwhile every orphan that ends is reaped, so that whoever waits for a
+    process of its own making to be gone sees it go."""
+    until = time.monotonic() + seconds
+    while True:
+        pid, status = os.waitpid(-1, os.WNOHANG)
+        if pid == child.pid:
+            child.returncode = os.waitstatus_to_exitcode(status)
+            return child.returncode
+        if pid == 0:
+            if time.monotonic() > until:
+                raise subprocess.TimeoutExpired(child.args, seconds)
+            time.sleep(0.05)
+
+
 def end_all(grace_seconds):
     """Asks everything below to end, then makes it."""
     for signum, seconds in ((signal.SIGTERM, grace_seconds), (signal.SIGKILL, 10)):
@@ -118,7 +133,7 @@ def main():
         print(f"bounded: {command[0]}: {error.strerror}", file=sys.stderr)
         return 127
     try:
-        status = child.wait(timeout=limit)
+        status = wait_for(child, limit)
         return status if status >= 0 else 128 - status
     except subprocess.TimeoutExpired:
         print(f"\n*** {what} has not ended within {limit:.0f} seconds; its processes:")
