@@ -19,14 +19,14 @@ extern "C" const char __executable_start;  // the linker's
 namespace sim {
 
 struct Block {
-    std::uint64_t magic;
-    Kind kind;
-    bool own;  // of the simulated machine
-    std::size_t size;
-    Block *prev;
+    Block *prev;  // the sanitizer's allocator writes over the first bytes of a freed piece
     Block *next;
+    std::size_t size;
     std::uint64_t step;
     const void *caller;
+    Kind kind;
+    bool own;  // of the simulated machine
+    std::uint64_t magic;
 };
 
 namespace {
@@ -131,7 +131,7 @@ void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
     auto *block = static_cast<Block *>(std::malloc(kHeader + size + kMark));
     if (!block)
         fail("the test machine has no %zu bytes", size);
-    *block = Block{kLive, kind, false, size, nullptr, k.blocks, k.steps, caller};
+    *block = Block{nullptr, k.blocks, size, k.steps, caller, kind, false, kLive};
     if (k.blocks) {
         OS_SIM_UNPOISON(k.blocks, kHeader);
         k.blocks->prev = block;

@@ -46,12 +46,11 @@ template <typename Fn> void for_each_seed(std::uint64_t default_count, Fn fn) {
             thrown = e.what();
         }
         set_replay("");
-        if (!thrown.empty())
-            ADD_FAILURE() << thrown << "\nreplay: " << replay;
-        else if (::testing::Test::HasFailure())
-            ADD_FAILURE() << "seed " << seed << " failed\nreplay: " << replay;
-        if (::testing::Test::HasFailure())
-            return;
+        if (thrown.empty() && !::testing::Test::HasFailure())
+            continue;
+        ADD_FAILURE() << (thrown.empty() ? "seed " + std::to_string(seed) + " failed" : thrown)
+                      << "\nreplay: " << replay;
+        return;
     }
 }
 

@@ -98,8 +98,6 @@ void os_schedule(void) {
         give_way(0);
         return;
     }
-    if (task->queued_entries == 0)
-        fail("lost wake-up: %s sleeps on no wait queue, so nothing can wake it", task->comm);
     if (task->marked_interruptible && task->signalled && !task->daemonized)
         return;
     task->marked = true;

@@ -61,6 +61,7 @@ void os_init_wait_entry(struct os_wait_entry *entry) {
 
 void os_prepare_to_wait(struct os_wait_queue_head *head, struct os_wait_entry *entry,
                         enum os_wait_mode mode) {
+    point();
     check(head, "os_prepare_to_wait");
     check(entry, "os_prepare_to_wait");
     if (entry->head && entry->head != head)
@@ -86,6 +87,7 @@ void os_finish_wait(struct os_wait_queue_head *head, struct os_wait_entry *entry
 }
 
 void os_wake_up(struct os_wait_queue_head *head) {
+    point();
     check(head, "os_wake_up");
     if (!head->first)
         head->woken_empty_at = kernel().steps;
