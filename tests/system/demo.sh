@@ -51,7 +51,7 @@ cannot() {
 # --- what several steps need ------------------------------------------------------------------------
 
 # Each command that may wait for trakd has a limit: a hang is a failure.
-do_() { timeout -k 5 60 "$@"; }
+do_() { timeout -k 5 180 "$@"; }
 
 start_trakd() {
   do_ trakd --disk demo="$dir/disk.img" --log-file "$dir/trakd.log" "$TRAK_ROOT" ||

@@ -95,12 +95,33 @@ stopped() {
   do_ trakctl delete 1 >"$dir/said"
 }
 
+# Writes into free space cost a snapshot nothing: the file system's own bitmaps say what is free.
+free_space() {
+  step "A snapshot of a half-empty disk: what is written into free space is not preserved"
+  do_ trakctl bitmap clear 0 incr >"$dir/said"
+  take_snapshot 5 "$dir/cow"
+  local data written preserved
+  data=$(value "['marked_extents']" datablock 5 --extent-size 64K)
+  dd if=/dev/urandom of="$dir/mnt/fresh" bs=64k count=1000 conv=fsync status=none
+  written=$(value "['marked_extents']" map 0 incr)
+  preserved=$(value "['cow']['chunks_preserved']" info 5)
+  note "$data of 8192 chunks hold data; $written chunks were written since, $preserved of them" \
+    "preserved: without the map it would be $written, $((written / (preserved + 1))) times as many"
+  [ "$written" -ge 900 ] || fail "the file is not on the disk"
+  [ $((preserved * 3)) -lt "$written" ] || fail "free space was preserved"
+  do_ trakctl stop 5 >"$dir/said"
+  do_ trakctl delete 5 >"$dir/said"
+  rm "$dir/mnt/fresh"
+}
+
 cow_full() {
   step "The room for COW files runs out: the snapshot is invalid, the disk goes on"
   mkdir "$dir/tight"
   truncate -s 8M "$dir/tight.img"
   mke2fs -q -F -t ext4 -O ^has_journal "$dir/tight.img"
   do_ mount -o loop "$dir/tight.img" "$dir/tight"
+  # Only what holds data when the snapshot starts is preserved.
+  dd if=/dev/urandom of="$dir/mnt/large" bs=64k count=400 conv=fsync status=none
   take_snapshot 3 "$dir/tight"
   dd if=/dev/urandom of="$dir/mnt/large" bs=64k count=400 conv=notrunc,fsync status=none ||
     fail "the disk does not go on"
@@ -141,6 +162,7 @@ the_snapshots() {
   first_snapshots
   overwritten
   stopped
+  free_space
   cow_full
   resumed
 }
