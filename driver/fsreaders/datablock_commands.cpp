@@ -49,30 +49,43 @@ std::uint64_t bytes_needed(const trak_device *dev, std::uint32_t ratio) {
     return ((chunks + ratio - 1) / ratio + 7) >> 3;
 }
 
-int export_to_caller(const trak_device *dev, trak_datablock_arg *arg, const char *function) {
+// The bitmap at the caller's extent size in a buffer of *bytes: 0 or a negative errno with no buffer.
+// Requests place a freshly read bitmap under the lock that is held here.
+int export_to_buffer(const trak_device *dev, const trak_datablock_arg *arg, void **buffer,
+                     std::uint64_t *bytes, const char *function) {
     const std::uint32_t ratio = arg->extent_size / dev->snap.chunk_size;
-    const std::uint64_t needed = bytes_needed(dev, ratio);
-    if (arg->size < 0 || needed > static_cast<std::uint64_t>(arg->size)) {
+    const zuread_guard guard(&dev->snap.filter->filter.snap_rwlock);
+    *bytes = bytes_needed(dev, ratio);
+    if (arg->size < 0 || *bytes > static_cast<std::uint64_t>(arg->size)) {
         trak_log(TRAK_LOG_ERROR,
                  "%s(): Bitmap buffer is not large enough: should be %dB instead of %dB.", function,
-                 static_cast<int>(needed), arg->size);
+                 static_cast<int>(*bytes), arg->size);
         return -EINVAL;
     }
-    void *buffer = os_vmalloc(needed);
-    if (buffer == nullptr) {
+    *buffer = os_vmalloc(*bytes);
+    if (*buffer == nullptr) {
         trak_log(TRAK_LOG_ERROR, "%s(): Failed to allocated %d bytes of memory", function,
-                 static_cast<int>(needed));
+                 static_cast<int>(*bytes));
         return -ENOMEM;
     }
-    int rc =
-        trak_blkbmp_export(&dev->snap.blkbmp, ratio, buffer, static_cast<std::uint32_t>(needed));
-    if (rc == 0) {
-        if (os_copy_to_user(arg->data, buffer, needed) != 0) {
-            trak_log(TRAK_LOG_ERROR, "%s(): Failed to copyout the bitmap", function);
-            rc = -EFAULT;
-        } else {
-            arg->size = static_cast<std::int32_t>(needed);
-        }
+    const int rc =
+        trak_blkbmp_export(&dev->snap.blkbmp, ratio, *buffer, static_cast<std::uint32_t>(*bytes));
+    if (rc != 0)
+        os_vfree(*buffer);
+    return rc;
+}
+
+int export_to_caller(const trak_device *dev, trak_datablock_arg *arg, const char *function) {
+    void *buffer = nullptr;
+    std::uint64_t bytes = 0;
+    int rc = export_to_buffer(dev, arg, &buffer, &bytes, function);
+    if (rc != 0)
+        return rc;
+    if (os_copy_to_user(arg->data, buffer, bytes) != 0) {
+        trak_log(TRAK_LOG_ERROR, "%s(): Failed to copyout the bitmap", function);
+        rc = -EFAULT;
+    } else {
+        arg->size = static_cast<std::int32_t>(bytes);
     }
     os_vfree(buffer);
     return rc;
