@@ -511,6 +511,27 @@ TEST(orphan, requests_of_who_has_it_open_are_refused_and_never_reach_another_dis
     });
 }
 
+// A table entry alone does not make a node answer for another one's disk.
+TEST(orphan, a_disk_is_served_by_the_node_that_it_was_made_for_alone) {
+    Machine machine;
+    with_second_disk(machine);
+    boot(machine, [&] {
+        ASSERT_EQ(add_filter(0), 0);
+        ASSERT_EQ(add_filter(1, 4096, "/dev/sdc"), 0);
+        ASSERT_EQ(start(0), 0);
+        ASSERT_EQ(start(1), 0);
+        os_bdev *bdev = open_node(0);
+        trak_device *first = node(0);
+        trak_blkdev_arr[0] = node(1);
+        EXPECT_EQ(sim::write_device(bdev, 0, Bytes(512, 9)), -EINVAL);
+        EXPECT_EQ(sim::device_ioctl(bdev, 0x1260, 0), -EINVAL);
+        EXPECT_EQ(node(1)->use_cnt.load(), 0);
+        trak_blkdev_arr[0] = first;
+        EXPECT_EQ(machine.storage.disk(kSecondDisk).read(0, 1)[0], 0);
+        sim::close_device(bdev);
+    });
+}
+
 TEST(orphan, its_minor_serves_another_node_once_it_is_closed) {
     Machine machine;
     with_second_disk(machine);
