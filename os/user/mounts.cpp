@@ -168,13 +168,13 @@ std::vector<BlockDevice> loop_devices(const std::string &root) {
         return found;
     while (const dirent *entry = readdir(dir)) {
         std::string name = entry->d_name;
+        std::string folder = root;
+        folder.append("/sys/block/").append(name);
         std::string text;
         BlockDevice device;
         if (!name.starts_with("loop") ||
-            !read_small_file(root + "/sys/block/" + name + "/loop/backing_file",
-                             &device.backing_file) ||
-            !read_small_file(root + "/sys/block/" + name + "/dev", &text) ||
-            !parse_dev(text, &device.dev))
+            !read_small_file(folder + "/loop/backing_file", &device.backing_file) ||
+            !read_small_file(folder + "/dev", &text) || !parse_dev(text, &device.dev))
             continue;
         device.name = device.whole = name;
         found.push_back(std::move(device));

@@ -32,9 +32,10 @@ namespace user {
 // ---- the platform -------------------------------------------------------------------------------
 
 struct Options {
-    std::size_t log_bytes = std::size_t{16}
-                            << 20;  // kernel log: bounded, the oldest lines go first
-    unsigned queue_depth = 256;     // requests at the kernel at once; more wait their turn
+    // The kernel log is bounded: the oldest lines go first.
+    std::size_t log_bytes = std::size_t{16} << 20;
+    // Requests at the kernel at once; more wait their turn.
+    unsigned queue_depth = 256;
 };
 
 // Starts the I/O thread and the log. From here on SIGXFSZ and SIGPIPE are ignored in the process
@@ -49,8 +50,11 @@ void stop();
 void thaw_all() noexcept;
 
 // ---- disks --------------------------------------------------------------------------------------
-// Real disks need no registration: they are found by their device number. An image file is known to
-// the driver as /dev/image/NAME, a block special file of a major that no real device has.
+// Real disks need no registration: they are found by their device number, and opened exclusively
+// while the driver has them. An image file is known to the driver as /dev/image/NAME, a block special
+// file of a major that no real device has. What the driver hears of others (os_bdev_openers): whoever
+// else claimed a real disk (a mount, a stacked device, an exclusive open) or locked an image (flock)
+// counts as one opener, and so does each loop device on either.
 
 inline constexpr std::uint32_t kImageMajor = 3072;
 
