@@ -18,6 +18,11 @@ ALLOWED_UNDEFINED = re.compile(r"os_\w+|memcpy|memset|memmove|memcmp")
 # Code or data that would have to run before the module's init function, or at its unload.
 CONSTRUCTOR_SECTIONS = re.compile(r"\.(init_array|fini_array|ctors|dtors|preinit_array)\b")
 TIDY_FOLDERS = ("driver", "os/user", "os/sim", "daemon", "lib", "ctl")
+# Header libraries so large that each check costs half a second in every file that includes them:
+# there only these checks are made.
+HEAVY = re.compile(r"^#include <(CLI/|nlohmann/)", re.M)
+HEAVY_CHECKS = ("--checks=-*,clang-diagnostic-*,bugprone-use-after-move,"
+                "performance-unnecessary-copy-initialization")
 # Flags that gcc knows and Clang does not.
 GCC_ONLY = re.compile(r"-Wframe-larger-than=.*|-fno-var-tracking.*|-Wsuggest-\S+|-Wlogical-op")
 
@@ -123,7 +128,8 @@ def tidy_units(tree, commands):
     groups, units = {}, []
     for path, words in sorted(commands.items()):
         folder = next(f for f in TIDY_FOLDERS if path.startswith(f + "/"))
-        key = (folder, *words) if path.endswith(".cpp") else (path, *words)
+        alone = not path.endswith(".cpp") or HEAVY.search(tree.text(path) or "")
+        key = (path if alone else folder, *words)
         groups.setdefault(key, []).append(path)
     for number, (key, paths) in enumerate(groups.items()):
         if len(paths) > 1:
@@ -151,8 +157,11 @@ def check_tidy(tree):
     def tidy(unit):
         path, words = unit
         try:
-            return path, *run_tool(tree, ["clang-tidy-14", "--quiet", "--config-file=.clang-tidy",
-                                          path, "--", *words[1:]], timeout=900)
+            options = ["--quiet", "--config-file=.clang-tidy"]
+            if HEAVY.search(Path(path).read_text(encoding="utf-8")):
+                options.append(HEAVY_CHECKS)
+            return path, *run_tool(tree, ["clang-tidy-14", *options, path, "--", *words[1:]],
+                                   timeout=900)
         except subprocess.TimeoutExpired:
             return path, 124, f"{path}:1:1: error: clang-tidy took more than 900 s [timeout]"
 
