@@ -92,7 +92,7 @@ int build_fragments(trak_blkbmp *bmp, const trak_fs_reader *reader, void *contex
 
 int build(trak_blkbmp *bmp, os_bdev *bdev, std::uint32_t chunk_size, const trak_fs_reader *reader,
           void *context) {
-    if (chunk_size <= 1 || !std::has_single_bit(chunk_size)) {
+    if (chunk_size <= 1 || !trak_is_power_of_two(chunk_size)) {
         trak_log(TRAK_LOG_ERROR, "%s(): Chunk size (%d) must be a power of 2", "trak_blkbmp_read",
                  static_cast<int>(chunk_size));
         return -EINVAL;

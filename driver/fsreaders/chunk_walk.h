@@ -3,7 +3,6 @@
 #ifndef TRAK_FSREADERS_CHUNK_WALK_H
 #define TRAK_FSREADERS_CHUNK_WALK_H
 
-#include <bit>
 #include <cstdint>
 
 #include "driver/utils/bits.h"
@@ -46,7 +45,7 @@ inline bool trak_walk_bitmap(trak_chunk_walk *walk, const std::uint8_t *bitmap, 
 
 // True for what every reader takes as a chunk size: a power of two of at least 2.
 inline bool trak_chunk_size_is_valid(std::uint32_t chunk_size) {
-    return chunk_size >= 2 && std::has_single_bit(chunk_size);
+    return chunk_size >= 2 && trak_is_power_of_two(chunk_size);
 }
 
 #endif

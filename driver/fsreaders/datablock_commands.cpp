@@ -2,13 +2,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "driver/fsreaders/datablock_commands.h"
 
-#include <bit>
-
 #include "driver/fsreaders/blkbmp.h"
 #include "driver/fsreaders/self_test.h"
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "driver/utils/atomic.h"
+#include "driver/utils/bits.h"
 #include "driver/utils/string.h"
 #include "driver/utils/trak_utils.h"
 #include "os/memory.h"
@@ -28,7 +27,7 @@ int check_request(const trak_device *dev, const trak_datablock_arg *arg, const c
         trak_log(TRAK_LOG_ERROR, "%s(): NULL bitmap data pointer passed as input", function);
         return -EINVAL;
     }
-    if (arg->extent_size <= 1 || !std::has_single_bit(arg->extent_size)) {
+    if (arg->extent_size <= 1 || !trak_is_power_of_two(arg->extent_size)) {
         trak_log(TRAK_LOG_ERROR, "%s(): Extent size (%d) must have been a power of 2.", function,
                  arg->extent_size);
         return -EINVAL;

@@ -157,7 +157,7 @@ bool load(ext2_reader *ctx, const char *function) {
     if (ctx->bit_count == nullptr)
         return out_of_memory(function);
     for (unsigned value = 0; value < 256; ++value)
-        ctx->bit_count[value] = static_cast<std::uint8_t>(std::popcount(value));
+        ctx->bit_count[value] = static_cast<std::uint8_t>(trak_bits_in_byte(value));
     return rc == 0;
 }
 

@@ -10,6 +10,7 @@
 #include "driver/fsreaders/chunk_walk.h"
 #include "driver/fsreaders/disk_fields.h"
 #include "driver/module/log.h"
+#include "driver/utils/bits.h"
 #include "driver/utils/string.h"
 #include "driver/utils/trak_utils.h"
 #include "os/memory.h"
@@ -107,7 +108,7 @@ void describe(const reiserfs_reader *ctx, const char *function) {
 // Sizes that the walk divides by, and enough bitmap blocks to say something of every block.
 bool has_sane_sizes(const reiserfs_reader *ctx, const char *function) {
     const std::uint32_t size = block_size_of(ctx);
-    if (std::has_single_bit(size) && size >= OS_SECTOR_SIZE) {
+    if (trak_is_power_of_two(size) && size >= OS_SECTOR_SIZE) {
         const std::uint64_t bits = std::uint64_t{size} * 8;
         if ((block_count_of(ctx) + bits - 1) / bits == bitmaps_of(ctx))
             return true;
@@ -122,7 +123,7 @@ bool has_sane_sizes(const reiserfs_reader *ctx, const char *function) {
 int count_free(reiserfs_reader *ctx, std::uint32_t *free_blocks, const char *function) {
     std::uint8_t zeroes[256];
     for (unsigned value = 0; value < 256; ++value)
-        zeroes[value] = static_cast<std::uint8_t>(8 - std::popcount(value));
+        zeroes[value] = static_cast<std::uint8_t>(8 - trak_bits_in_byte(value));
     // Down to exactly zero: a count that is no multiple of 8 runs on over all bytes that follow.
     std::int64_t remaining = block_count_of(ctx);
     int rc = 0;

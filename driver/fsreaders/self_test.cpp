@@ -6,8 +6,6 @@
 // and an export must be what the reader gives at that size.
 #include "driver/fsreaders/self_test.h"
 
-#include <bit>
-
 #include "driver/fsreaders/blkbmp.h"
 #include "driver/fsreaders/self_test_steps.h"
 #include "driver/module/log.h"
@@ -173,7 +171,7 @@ bool block_size_is_usable(std::int32_t block_size, const char *function) {
         trak_log(TRAK_LOG_ERROR, "%s(): NULL FS block size returned from FS reader.", function);
         return false;
     }
-    if (block_size < 2 || !std::has_single_bit(static_cast<std::uint32_t>(block_size))) {
+    if (block_size < 2 || !trak_is_power_of_two(static_cast<std::uint32_t>(block_size))) {
         trak_log(TRAK_LOG_ERROR, "%s(): Not pow2 FS block size returned from FS reader.", function);
         return false;
     }

@@ -3,7 +3,6 @@
 //
 // The bitmap at block size is the reference: read in portions of any size it is the same, and a larger
 // chunk holds data exactly when one of its blocks does. Each bitmap is left in a dump file.
-#include <bit>
 
 #include "driver/fsreaders/self_test.h"
 #include "driver/fsreaders/self_test_steps.h"
@@ -135,7 +134,7 @@ int trak_blkbmp_test_reader(os_bdev *bdev, void *context, std::int32_t block_siz
         trak_logf(TRAK_LOG_ERROR, "%s(): Failed to get size of hdd(%d, %d)", HDD(bdev));
         return -EINVAL;
     }
-    if (block_size < 2 || !std::has_single_bit(static_cast<std::uint32_t>(block_size))) {
+    if (block_size < 2 || !trak_is_power_of_two(static_cast<std::uint32_t>(block_size))) {
         trak_logf(TRAK_LOG_ERROR, "%s(): Not pow2 FS block size returned from FS reader.");
         return -EIO;
     }

@@ -9,6 +9,7 @@
 #include "driver/fsreaders/disk_fields.h"
 #include "driver/fsreaders/xfs_tree.h"
 #include "driver/module/log.h"
+#include "driver/utils/bits.h"
 #include "driver/utils/string.h"
 #include "driver/utils/trak_utils.h"
 #include "os/memory.h"
@@ -66,7 +67,7 @@ void describe(const xfs_reader *ctx, const char *function) {
 // AGs hold all blocks.
 bool has_sane_sizes(const xfs_reader *ctx, const char *function) {
     const xfs_reader_sb &sb = ctx->sb;
-    if (std::has_single_bit(sb.sb_blocksize) && sb.sb_blocksize >= kUnit &&
+    if (trak_is_power_of_two(sb.sb_blocksize) && sb.sb_blocksize >= kUnit &&
         sb.sb_blocksize <= 65536 && sb.sb_agblocks != 0 && sb.sb_agcount != 0) {
         const std::uint64_t blocks = std::uint64_t{sb.sb_agblocks} * sb.sb_agcount;
         const std::uint64_t last = blocks - sb.sb_agblocks;

@@ -4,7 +4,6 @@
 // Kept as it is: a refusal because the chunk size is below a page or differs from that of the filter's
 // other snaps, and a failure to get memory for the record, return with the node table still locked for
 // writing. Callers compare the chunk sizes before they ask.
-#include <bit>
 
 #include "driver/block/filter.h"
 #include "driver/block/lifecycle.h"
@@ -67,7 +66,7 @@ int count_snaps(const trak_filter *filter) {
 
 Refusal check_chunk_size(trak_filter *filter, std::uint32_t size) {
     constexpr std::uint32_t page = OS_PAGE_SIZE;
-    if (!std::has_single_bit(size)) {
+    if (!trak_is_power_of_two(size)) {
         // 12288 is a multiple of a page and no power of two; 1 is a power of two and no multiple.
         trak_log(TRAK_LOG_ERROR, "%s(): Chunk size must be a power of 2", kName);
         return {-EINVAL, Lock::kReleased};

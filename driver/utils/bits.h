@@ -24,11 +24,23 @@ inline std::int64_t trak_bitmap_bytes(std::uint64_t n) {
     return (static_cast<std::int64_t>(n - 1) >> 3) + 1;
 }
 
+// Not std::has_single_bit or std::popcount: where the machine has no instruction for them, they call
+// the compiler's library, which a kernel does not have.
+constexpr std::uint32_t trak_bits_in_byte(std::uint32_t byte) {
+    std::uint32_t count = 0;
+    for (std::uint32_t bit = 0; bit < 8; bit++)
+        count += (byte >> bit) & 1;
+    return count;
+}
+constexpr bool trak_is_power_of_two(std::uint64_t size) {
+    return size != 0 && (size & (size - 1)) == 0;
+}
+
 // log2 of a power of two; -1 for any other size above 1; 0 for 0 and 1.
 constexpr std::int32_t trak_size_shift(std::uint32_t size) {
     if (size <= 1)
         return 0;
-    return std::has_single_bit(size) ? std::countr_zero(size) : -1;
+    return trak_is_power_of_two(size) ? std::countr_zero(size) : -1;
 }
 
 // True when the first n bits are all 0 / all 1. Bits beyond n are not looked at.

@@ -39,7 +39,7 @@ struct Walk {
         return storage.top;
     }
     Found go(std::string_view path, Last how);
-    Found last(std::string name, bool tail, Last how);
+    Found last(const std::string &name, bool tail, Last how);
 };
 
 Found error(int err) {
@@ -48,7 +48,7 @@ Found error(int err) {
     return found;
 }
 
-Found Walk::last(std::string name, bool tail, Last how) {
+Found Walk::last(const std::string &name, bool tail, Last how) {
     Found found;
     found.folder = folder;
     found.name = name;

@@ -50,7 +50,7 @@ bool is_real_block_major(std::uint32_t major) {
 
 namespace {
 
-constexpr std::uint32_t kLastMajor = 511;
+constexpr std::uint32_t kLastBlockMajor = 511;
 
 NodeInfo describe(os_dev_t dev, const os_disk *disk) {
     const os_queue *queue = disk->queue.load();
@@ -100,7 +100,7 @@ using user::Guard;
 extern "C" {
 
 int os_register_blkdev(uint32_t major, const char *name) {
-    if (major > user::kLastMajor)
+    if (major > user::kLastBlockMajor)
         return -EINVAL;
     uint32_t wanted = major ? major : 254;
     for (; wanted; wanted--) {

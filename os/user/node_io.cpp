@@ -15,7 +15,7 @@ namespace user {
 
 namespace {
 
-constexpr std::uint32_t kNoData = OS_BIO_DISCARD | OS_BIO_ZEROES;
+constexpr std::uint32_t kWithoutData = OS_BIO_DISCARD | OS_BIO_ZEROES;
 constexpr std::size_t kMaxRange = std::size_t{1} << 31;
 
 struct Waited {
@@ -39,7 +39,7 @@ void ended(os_bio *bio, int error) {
 bool is_well_formed(std::uint32_t rw, std::uint64_t offset, const void *buf, std::size_t size) {
     if (offset % OS_SECTOR_SIZE || size % OS_SECTOR_SIZE)
         return false;
-    if (rw & kNoData)
+    if (rw & kWithoutData)
         return !buf && size <= kMaxRange;
     return size <= kMaxRequest && (buf || !size);
 }

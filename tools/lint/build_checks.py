@@ -69,10 +69,16 @@ def undefined_symbols(tree, library):
             wanted.setdefault(match[3], match[1])
         elif match:
             defined.add(match[3])
-    return [Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+    return [Fault(source_of(tree, member), 1, "symbols",
                   f"needs {name}, which is neither of the seam nor a compiler's memory call")
             for name, member in sorted(wanted.items())
             if name not in defined and not ALLOWED_UNDEFINED.fullmatch(name)]
+
+
+def source_of(tree, member):
+    """The driver's source that a member of its library was compiled from."""
+    name = "/" + member.removesuffix(".o")
+    return next((p for p in tree.cpp("driver") if p.endswith(name)), "driver" + name)
 
 
 def constructors(tree, library):
@@ -82,7 +88,7 @@ def constructors(tree, library):
         head = re.match(r"(\S+):\s+file format", line)
         member = head[1] if head else member
         if CONSTRUCTOR_SECTIONS.search(line):
-            faults.append(Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+            faults.append(Fault(source_of(tree, member), 1, "symbols",
                                 f"has {line.split()[1]}: no static constructors in the driver"))
     return faults
 
@@ -97,7 +103,7 @@ def stray_state(tree, library):
         match = re.match(r"[0-9a-f]+ .{6}O (\.(?:t?data|t?bss)(?!\.rel\.ro)\S*|\*COM\*)\s+"
                          r"[0-9a-f]+ (?:\.hidden )?(\S+)", line)
         if match:
-            faults.append(Fault("driver/" + member.removesuffix(".o"), 1, "symbols",
+            faults.append(Fault(source_of(tree, member), 1, "symbols",
                                 f"{match[2]} is in {match[1]}: declare it with OS_MODULE_STATE"))
     return faults
 
@@ -106,7 +112,10 @@ def tidy_commands(tree):
     """{path: arguments}: Clang's command for each source; the driver's as the user platform's."""
     chosen = {}
     for entry in json.loads((tree.root / "build/dev/compile_commands.json").read_text()):
+        # Where a target is compiled joined, its command stands for all of its sources.
         path = os.path.relpath(entry["file"], tree.root)
+        joined = re.match(r"build/dev/(.*)/CMakeFiles/\w+\.dir/Unity/", path)
+        path = f"{joined[1]}/{Path(path).name}" if joined else path
         if not path.startswith(tuple(f + "/" for f in TIDY_FOLDERS)):
             continue
         words = [w for w in shlex.split(entry["command"]) if not GCC_ONLY.fullmatch(w)]
@@ -116,9 +125,17 @@ def tidy_commands(tree):
         drop = {words.index(w) + n for w in ("-o", "-c") if w in words for n in (0, 1)}
         words = [w for n, w in enumerate(words) if n not in drop and w != entry["file"]]
         rank = 0 if "driver_user" in entry["command"] else 1
-        if path not in chosen or rank < chosen[path][0]:
-            chosen[path] = (rank, [*words, "-Wthread-safety", "-Wno-unknown-warning-option"])
+        words += ["-Wthread-safety", "-Wno-unknown-warning-option"]
+        for source in sources_of(tree, entry["file"]) if joined else [path]:
+            if source not in chosen or rank < chosen[source][0]:
+                chosen[source] = (rank, words)
     return {path: words for path, (_, words) in chosen.items()}
+
+
+def sources_of(tree, joined):
+    """What a file made by CMake's unity build includes."""
+    text = Path(joined).read_text(encoding="utf-8")
+    return [os.path.relpath(p, tree.root) for p in re.findall(r'^#include "(.*\.cpp)"', text, re.M)]
 
 
 def tidy_units(tree, commands):
@@ -132,16 +149,27 @@ def tidy_units(tree, commands):
         key = (path if alone else folder, *words)
         groups.setdefault(key, []).append(path)
     for number, (key, paths) in enumerate(groups.items()):
-        if len(paths) > 1:
-            joined = tree.root / f"build/lint/joined_{number}.cpp"
-            joined.write_text("".join(f'#include "{tree.root / p}"\n' for p in paths))
-            words = ["clang++-14", *key[2:], "-w", "-fsyntax-only", str(joined)]
-            if run_tool(tree, words)[0] == 0:
-                units.append((str(joined), list(key[1:])))
-                continue
-        units += [(str(tree.root / path), list(key[1:])) for path in paths]
+        joined = tree.root / f"build/lint/joined_{number}.cpp"
+        together = join(tree, joined, paths, list(key[2:])) if len(paths) > 1 else []
+        if together:
+            units.append((str(joined), list(key[1:])))
+        units += [(str(tree.root / p), list(key[1:])) for p in paths if p not in together]
     # The joined ones are the long ones; none of them is to be left for the end.
     return sorted(units, key=lambda unit: "/build/lint/" not in unit[0])
+
+
+def join(tree, joined, paths, words):
+    """Writes a file that includes as many of the paths as compile together; returns those."""
+    for _ in range(4):
+        if len(paths) < 2:
+            break
+        joined.write_text("".join(f'#include "{tree.root / p}"\n' for p in paths))
+        status, output = run_tool(tree, ["clang++-14", *words, "-w", "-fsyntax-only", str(joined)])
+        if status == 0:
+            return paths
+        named = {os.path.relpath(p, tree.root) for p in re.findall(r"^(/\S+?):\d+", output, re.M)}
+        paths = [p for p in paths if p not in named] if named & set(paths) else []
+    return []
 
 
 def check_tidy(tree):

@@ -129,7 +129,7 @@ WORDS = (
     (("tests",), ("tests/support",), r"\b(sleep_for|sleep_until|usleep)\s*\(|\bnanosleep\s*\(",
      "wait for the event itself"),
     (("tests",), (), r"\bGTEST_SKIP\(\)\s*;", "say why: GTEST_SKIP() << reason"),
-    (("tests",), (), r"\bTEST(_F|_P)?\(\w+,\s*(\w*_)?(case|test|part)?_?\d+\)",
+    (("tests",), (), r"\bTEST(_F|_P)?\(\w+,\s*(case|test|part|check|t)?_?\d+\)",
      "a name that says what holds, not a number"),
 )
 OWN_TABLE = ("tools/lint/text_checks.py", "tests/unit/lint/test_lint.py")
