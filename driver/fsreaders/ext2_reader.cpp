@@ -12,6 +12,7 @@
 #include "driver/fsreaders/chunk_walk.h"
 #include "driver/fsreaders/disk_fields.h"
 #include "driver/module/log.h"
+#include "driver/utils/bits.h"
 #include "driver/utils/string.h"
 #include "driver/utils/trak_utils.h"
 #include "os/memory.h"
