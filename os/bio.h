@@ -5,6 +5,8 @@
 // Units      sector = 512 bytes; size and offsets = bytes.
 // Completion os_bio_endio ends a bio exactly once: it marks it up to date or not and calls end_io.
 //            end_io may run in interrupt context, and must not sleep.
+// Afterwards sector, size and index of a bio that a device ended say how far it got, no longer what
+//            was asked for; whoever needs that keeps a copy.
 #ifndef TRAK_OS_BIO_H
 #define TRAK_OS_BIO_H
 
@@ -39,7 +41,8 @@ struct os_bio_vec {
  * says. Null on failure. */
 struct os_bio *os_bio_alloc(os_gfp gfp, uint32_t max_vecs) OS_MUST_CHECK;
 /* A clone: same device, sector, size, flags and pieces (the pages are shared), its own end_io
- * (none), private data (null) and destructor. The parent must outlive it. Null on failure. */
+ * (none), private data (null) and destructor. The parent and its pages stay until the clone has
+ * ended. Null on failure. */
 struct os_bio *os_bio_clone(struct os_bio *bio, os_gfp gfp) OS_MUST_CHECK;
 /* Readies a bio of os_bio_alloc for another use: as new, but keeps its room and one reference. */
 void os_bio_reset(struct os_bio *bio);
@@ -76,7 +79,8 @@ bool os_bio_uptodate(const struct os_bio *bio);
 /* Ends a bio. Context: any. error: 0 or a negative errno. */
 void os_bio_endio(struct os_bio *bio, int error);
 /* Hands the bio to the device that it names, whose queue may be another driver's or our own. Every
- * failure comes through end_io. Context: sleep. */
+ * failure comes through end_io. Called inside a make-request function it may take effect only when
+ * that function has returned: nothing there waits for the bio's end. Context: sleep. */
 void os_generic_make_request(struct os_bio *bio);
 /* The same with the flags set first, as the kernel's submit_bio. Context: sleep. */
 void os_submit_bio(uint32_t rw, struct os_bio *bio);

@@ -21,7 +21,7 @@ struct os_block_device_operations {
 };
 
 /* Takes a bio for the queue. Context: sleep, in the submitter's task. The bio is the function's
- * until it is handed on or ended. */
+ * until it is handed on or ended; the result is not looked at. */
 typedef int (*os_make_request_fn)(struct os_queue *queue, struct os_bio *bio);
 typedef void (*os_unplug_fn)(struct os_queue *queue);
 

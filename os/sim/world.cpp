@@ -223,6 +223,7 @@ void World::run(const std::function<void()> &fn) {
     case Ending::kFailed:
         throw Failure(k.failure);
     case Ending::kPowerCut:
+        mem_check_freed();
         disks_power_cut();
         storage_power_cut(k.storage, k.rng);
         throw PowerCut("the power was cut");

@@ -10,10 +10,10 @@ namespace contract::chardev_tests {
 namespace {
 
 struct Seen {
-    std::uint32_t cmd;
-    unsigned long arg;
+    std::atomic<std::uint32_t> cmd;
+    std::atomic<unsigned long> arg;
     std::atomic<int> opens, releases;
-    int in_interrupt;
+    std::atomic<bool> in_interrupt;
 };
 Seen g_seen;
 
@@ -50,7 +50,7 @@ constexpr os_file_operations kAll{on_read, on_write, on_ioctl, on_open, on_relea
 void clear_seen() {
     g_seen.cmd = 0;
     g_seen.arg = 0;
-    g_seen.in_interrupt = 1;
+    g_seen.in_interrupt = true;
     g_seen.opens = g_seen.releases = 0;
 }
 

@@ -222,6 +222,26 @@ TEST(lock, completion_may_be_freed_as_soon_as_the_waiter_is_back) {
     });
 }
 
+TEST(lock, up_and_complete_work_under_a_spin_lock) {
+    run([] {
+        os_spinlock lock;
+        os_semaphore sema;
+        os_completion completion;
+        os_spin_lock_init(&lock, &kOuter);
+        os_sema_init(&sema, 0);
+        os_init_completion(&completion);
+        Process *waiter = start([&] {
+            os_down(&sema);
+            os_wait_for_completion(&completion);
+        });
+        unsigned long flags = os_spin_lock_irqsave(&lock);
+        os_up(&sema);
+        os_complete(&completion);
+        os_spin_unlock_irqrestore(&lock, flags);
+        join(waiter);
+    });
+}
+
 TEST(lock, completion_can_be_used_again_after_a_new_init) {
     run([] {
         os_completion completion;

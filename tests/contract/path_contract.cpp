@@ -80,6 +80,8 @@ TEST(path, two_lookups_of_a_file_find_one_inode) {
         ASSERT_FALSE(os_is_err(a) || os_is_err(again) || os_is_err(b));
         EXPECT_EQ(os_dentry_ino(a), os_dentry_ino(again));
         EXPECT_NE(os_dentry_ino(a), os_dentry_ino(b));
+        EXPECT_NE(os_dentry_inode(a), nullptr);
+        EXPECT_NE(os_dentry_inode(a), os_dentry_inode(b));
         os_dput(a);
         os_dput(again);
         os_dput(b);

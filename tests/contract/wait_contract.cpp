@@ -188,6 +188,49 @@ TEST(wait, signal_does_not_end_an_uninterruptible_sleep) {
     });
 }
 
+TEST(wait, the_end_of_a_request_wakes_who_waits_for_it) {
+    run([] {
+        struct Waiting {
+            os_spinlock lock;
+            os_wait_queue_head head;
+            bool ended = false;
+        } waiting;
+        os_spin_lock_init(&waiting.lock, &kClass);
+        os_init_waitqueue_head(&waiting.head);
+        os_bdev *bdev = os_open_by_devnum(make_disk(1 << 20, 512), OS_FMODE_READ);
+        ASSERT_FALSE(os_is_err(bdev));
+        os_page *page = os_alloc_page(OS_GFP_KERNEL);
+        os_bio *bio = os_bio_alloc(OS_GFP_KERNEL, 1);
+        ASSERT_TRUE(page && bio && os_bio_add_page(bio, page, 512, 0));
+        os_bio_set_bdev(bio, bdev);
+        os_bio_set_private(bio, &waiting);
+        os_bio_set_end_io(bio, [](os_bio *ended, int) {
+            auto *who = static_cast<Waiting *>(os_bio_private(ended));
+            unsigned long flags = os_spin_lock_irqsave(&who->lock);
+            who->ended = true;
+            os_wake_up(&who->head);
+            os_spin_unlock_irqrestore(&who->lock, flags);
+        });
+        os_submit_bio(0, bio);
+        os_queue_unplug(os_bdev_queue(bdev));
+        os_wait_entry entry;
+        os_init_wait_entry(&entry);
+        unsigned long flags = os_spin_lock_irqsave(&waiting.lock);
+        os_prepare_to_wait(&waiting.head, &entry, OS_WAIT_UNINTERRUPTIBLE);
+        while (!waiting.ended) {
+            os_spin_unlock_irqrestore(&waiting.lock, flags);
+            os_schedule();
+            flags = os_spin_lock_irqsave(&waiting.lock);
+            os_prepare_to_wait(&waiting.head, &entry, OS_WAIT_UNINTERRUPTIBLE);
+        }
+        os_finish_wait(&waiting.head, &entry);
+        os_spin_unlock_irqrestore(&waiting.lock, flags);
+        os_bio_put(bio);
+        os_free_page(page);
+        os_blkdev_put(bdev, OS_FMODE_READ);
+    });
+}
+
 TEST(wait, nobody_is_signalled_without_a_signal) {
     run([] { EXPECT_FALSE(os_signal_pending()); });
 }
