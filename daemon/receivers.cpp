@@ -12,15 +12,20 @@
 #include <utility>
 
 #include "daemon/fuse_api.h"
-#include "daemon/report.h"
 #include "daemon/thread.h"
 
 namespace trakd {
 
 namespace {
 
-// Receivers that stay when there is little to do.
-constexpr int kKept = 4;
+using std::chrono::milliseconds;
+
+// Receivers that stay, parked, when there is little to do.
+constexpr int kSpare = 3;
+
+constexpr milliseconds kLook{5};
+constexpr int kQuietLooks = 40;  // without a request taken, until the lookout sleeps
+constexpr int kCalmLooks = 100;  // without a receiver that sleeps, until one reads alone again
 
 // A write's payload follows two headers. Reading the request that far before a page's end puts the
 // payload on a page of its own: it can go to a disk without being copied.
@@ -29,12 +34,6 @@ constexpr std::size_t kReceived = kHeaders + kMaxIo;
 constexpr std::size_t kOffset = kPage - kHeaders;
 
 thread_local Buffer *t_memory;
-
-bool may_sleep(const std::uint8_t *request) {
-    fuse_in_header header;
-    std::memcpy(&header, request, sizeof(header));
-    return header.opcode == FUSE_READ || header.opcode == FUSE_WRITE || header.opcode == FUSE_FSYNC;
-}
 
 }  // namespace
 
@@ -46,69 +45,99 @@ int Receivers::start(fuse_session *session, OnEnd on_end, void *arg) {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR2, &action, nullptr);
-    for (int i = 0; i < kKept; ++i) {
-        if (const int rc = add_thread(); rc != 0) {
+    const std::lock_guard lock(mutex_);
+    for (int i = 0; i < 1 + kSpare; ++i) {
+        if (const int rc = add_thread_locked(); rc != 0) {
             return rc;
         }
     }
-    return 0;
+    const int rc = thread_start("trakd-lookout", run_lookout, this, nullptr);
+    looking_ = rc == 0;
+    return rc;
 }
 
-int Receivers::add_thread() {
-    const std::lock_guard lock(mutex_);
+// The thread reads at once; when that is one too many it parks.
+int Receivers::add_thread_locked() {
     if (stopping_) {
         return ECANCELED;
     }
     threads_.push_back({this, {}, Buffer::get(kPage + kMaxIo)});
     Thread &thread = threads_.back();
-    if (!thread.memory) {
-        threads_.pop_back();
-        return ENOMEM;
+    int rc = thread.memory ? 0 : ENOMEM;
+    if (rc == 0) {
+        reading_.fetch_add(1);
+        rc = thread_start("trakd-io", run_receiver, &thread, nullptr);
+        if (rc != 0) {
+            reading_.fetch_sub(1);
+        }
     }
-    // Counted from here on: the thread reads as soon as it runs.
-    reading_.fetch_add(1);
-    ++staying_;
-    const int rc = thread_start("trakd-io", run, &thread, nullptr);
     if (rc != 0) {
-        reading_.fetch_sub(1);
-        --staying_;
         threads_.pop_back();
     }
     return rc;
 }
 
-void *Receivers::run(void *thread) {
+// Without memory or threads the others have to do.
+void Receivers::one_more_reads() {
+    const std::lock_guard lock(mutex_);
+    if (idle_ > let_in_) {
+        ++let_in_;
+        reading_.fetch_add(1);
+        parked_.notify_one();
+    } else {
+        (void)add_thread_locked();
+    }
+}
+
+void *Receivers::run_receiver(void *thread) {
     pthread_setname_np(pthread_self(), "trakd-io");
     Thread *self = static_cast<Thread *>(thread);
-    self->owner->loop(self);
+    self->owner->receive_all(self);
     return nullptr;
 }
 
-void Receivers::loop(Thread *self) {
+void *Receivers::run_lookout(void *self) {
+    pthread_setname_np(pthread_self(), "trakd-lookout");
+    static_cast<Receivers *>(self)->look_out();
+    return nullptr;
+}
+
+void Receivers::receive_all(Thread *self) {
     {
         const std::lock_guard lock(mutex_);
         self->id = pthread_self();
     }
     t_memory = &self->memory;
-    while (!stopping_ && !surplus() && receive(self)) {
+    while (may_read() && receive(self)) {
     }
     t_memory = nullptr;
-    reading_.fetch_sub(1);
     const std::lock_guard lock(mutex_);
     threads_.remove_if([self](const Thread &thread) { return &thread == self; });
     gone_.notify_all();
 }
 
-// True where more receivers read than anything needs: one of them ends.
-bool Receivers::surplus() {
-    if (reading_.load() <= kKept) {
+// True once this thread shall read. It counts as reading when it asks, and where the answer is no it
+// does not any more.
+bool Receivers::may_read() {
+    if (!stopping_ && (reading_.load() == 1 || alert_.load(std::memory_order_relaxed))) {
+        return true;
+    }
+    std::unique_lock lock(mutex_);
+    // Of several that find one another reading all but one park.
+    if (!stopping_ && reading_.load() == 1) {
+        return true;
+    }
+    reading_.fetch_sub(1);
+    if (stopping_ || idle_ >= kSpare) {
         return false;
     }
-    const std::lock_guard lock(mutex_);
-    if (staying_ <= 2 * kKept) {
+    ++idle_;
+    parked_.wait(lock, [this] { return let_in_ > 0 || stopping_; });
+    --idle_;
+    if (stopping_) {
         return false;
     }
-    --staying_;
+    --let_in_;
     return true;
 }
 
@@ -117,22 +146,21 @@ bool Receivers::receive(Thread *self) {
     std::uint8_t *request = self->memory.data() + kOffset;
     const ssize_t size = ::read(fuse_session_fd(session_), request, kReceived);
     if (size < 0) {
-        switch (errno) {
-        case ENOENT:  // the request was taken back before it was read
-        case EINTR:
-        case EAGAIN:
+        // The request was taken back before it was read, or a signal came.
+        if (errno == ENOENT || errno == EINTR || errno == EAGAIN) {
             return true;
-        default:
-            ended();
-            return false;
         }
-    }
-    if (static_cast<std::size_t>(size) < sizeof(fuse_in_header)) {
         ended();
+        reading_.fetch_sub(1);
         return false;
     }
-    if (reading_.fetch_sub(1) == 1 && may_sleep(request)) {
-        (void)add_thread();  // without memory or threads the others have to do
+    taken_.fetch_add(1);
+    if (reading_.fetch_sub(1) == 1 && alert_.load(std::memory_order_relaxed)) {
+        one_more_reads();
+    }
+    if (lookout_sleeps_.load()) {
+        const std::lock_guard lock(mutex_);
+        lookout_.notify_all();
     }
     fuse_buf buf = {};
     buf.size = static_cast<std::size_t>(size);
@@ -140,6 +168,39 @@ bool Receivers::receive(Thread *self) {
     fuse_session_process_buf(session_, &buf);
     reading_.fetch_add(1);
     return true;
+}
+
+// The lookout. It sleeps while nothing is taken and somebody reads.
+void Receivers::look_out() {
+    std::unique_lock lock(mutex_);
+    std::uint64_t seen = 0;
+    int quiet = 0;
+    int calm = 0;
+    while (!stopping_) {
+        if (quiet > kQuietLooks && !alert_) {
+            lookout_sleeps_ = true;
+            lookout_.wait(lock, [this, seen] { return taken_.load() != seen || stopping_; });
+            lookout_sleeps_ = false;
+        }
+        lookout_.wait_for(lock, kLook, [this] { return stopping_.load(); });
+        const std::uint64_t taken = taken_.load();
+        const bool nobody_reads = reading_.load() == 0;
+        quiet = taken == seen && !nobody_reads ? quiet + 1 : 0;
+        if (taken == seen && nobody_reads) {
+            alert_ = true;
+            calm = 0;
+            lock.unlock();
+            one_more_reads();
+            lock.lock();
+        } else if (alert_) {
+            const auto in_hand = static_cast<int>(threads_.size()) - idle_ - reading_.load();
+            calm = in_hand <= 1 ? calm + 1 : 0;
+            alert_ = calm <= kCalmLooks;
+        }
+        seen = taken;
+    }
+    looking_ = false;
+    gone_.notify_all();
 }
 
 void Receivers::ended() {
@@ -151,7 +212,9 @@ void Receivers::ended() {
 void Receivers::stop() {
     std::unique_lock lock(mutex_);
     stopping_ = true;
-    while (!threads_.empty()) {
+    parked_.notify_all();
+    lookout_.notify_all();
+    while (!threads_.empty() || looking_) {
         for (const Thread &thread : threads_) {
             if (thread.id != pthread_t{}) {
                 pthread_kill(thread.id, SIGUSR2);
@@ -159,7 +222,7 @@ void Receivers::stop() {
         }
         // A thread that looked at stopping_ just before it was set misses the signal: it gets
         // another.
-        gone_.wait_for(lock, std::chrono::milliseconds(20));
+        gone_.wait_for(lock, milliseconds(20));
     }
 }
 

@@ -2,11 +2,16 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // A receiver reads one request, runs its handler and reads the next. Handlers of reads and writes
-// submit and return; their completion replies. Submitting may sleep all the same (a file system
-// that is being frozen, a queue that is full, the node table held by a creation), so a receiver
-// that finds itself the last one that was reading starts another before it goes on: there is
-// always one that reads, whatever the others wait for. What waits as a rule (commands, opens) is
-// no receiver's work: see workers.h.
+// submit and return; their completion replies. What waits as a rule (commands, opens) is no
+// receiver's work: see workers.h.
+//
+// Calm     one receiver reads, and takes what has arrived without another thread being woken: this is
+//          what a request costs least.
+// Alert    submitting may sleep all the same: the node table held by a creation, a queue that is
+//          full. A thread looks every few milliseconds whether requests are taken; when the one
+//          receiver stays in a handler, others read. From then on whoever takes a request and finds
+//          that nobody else reads lets another one read first, so that there is always one, whatever
+//          the others wait for. Calm returns when no receiver sleeps any more.
 #ifndef TRAKD_RECEIVERS_H
 #define TRAKD_RECEIVERS_H
 
@@ -15,6 +20,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <mutex>
 
@@ -46,24 +52,34 @@ class Receivers {
         pthread_t id;
         Buffer memory;  // what the next request is read into
     };
-    [[nodiscard]] int add_thread();
-    static void *run(void *thread);
-    void loop(Thread *self);
+    [[nodiscard]] int add_thread_locked();
+    void one_more_reads();
+    static void *run_receiver(void *thread);
+    static void *run_lookout(void *self);
+    void receive_all(Thread *self);
+    void look_out();
+    bool may_read();
     bool receive(Thread *self);
     void ended();
-    [[nodiscard]] bool surplus();
 
     fuse_session *session_ = nullptr;
     OnEnd on_end_ = nullptr;
     void *arg_ = nullptr;
-    std::atomic<int> reading_{0};
+    std::atomic<int> reading_{0};  // receivers that read, or are about to
+    std::atomic<std::uint64_t> taken_{0};
+    std::atomic<bool> alert_{false};
+    std::atomic<bool> lookout_sleeps_{false};
     std::atomic<bool> stopping_{false};
     std::atomic<bool> told_{false};
 
     std::mutex mutex_;
+    std::condition_variable parked_;
     std::condition_variable gone_;
+    std::condition_variable lookout_;
     std::list<Thread> threads_;
-    int staying_ = 0;  // of them, those that have not made up their mind to end
+    int idle_ = 0;          // parked
+    int let_in_ = 0;        // of them, told to read
+    bool looking_ = false;  // the lookout's thread lives
 };
 
 }  // namespace trakd

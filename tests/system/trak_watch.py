@@ -2,10 +2,10 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """A test that waits inside the kernel for a trakd that does not answer can't help itself: no signal
 and no exception reaches it. So each test has a watcher, a process that touches nothing of trakd's.
-Told a name, it gives that test LIMIT seconds (or the number behind a "|" in it); then it prints where every thread of trakd and of the
-test waits, and the end of the log, and aborts the FUSE connections, which ends the waiting with an
-error in the test. When the test's process is gone, however it went, the watcher takes down what it
-left.
+Told a name, it gives that test LIMIT seconds (or the number behind a "|" in the name); then it
+prints where every thread of trakd and of the test waits, and the end of the log, and aborts the
+FUSE connections, which ends the waiting with an error in the test. When the test's process is gone,
+however it went, the watcher takes down what it left.
 """
 import os
 import select
