@@ -117,17 +117,26 @@ struct os_file *os_filp_open(const char *path, int flags, int mode) {
     if (err)
         return static_cast<os_file *>(os_err_ptr(err));
     Found found = files().find(path, Last::kFollow);
+    // Whoever makes a name holds the folder's inode mutex.
+    std::shared_ptr<Inode> folder;
+    if (!found.err && !found.inode && (flags & OS_O_CREAT)) {
+        folder = found.folder;
+        mutex_lock(folder->mutex, folder.get());
+        found = files().find(path, Last::kFollow);
+    }
     err = found.err;
     Inode *fs = err ? nullptr : files().file_system(found.folder);
     if (!err)
         err = check_open(found, flags, fs);
-    if (err)
-        return static_cast<os_file *>(os_err_ptr(err));
-    if (!found.inode)
+    if (!err && !found.inode)
         found.inode = files().make(found.folder, found.name,
                                    OS_S_IFREG | (static_cast<unsigned>(mode) & 07777), 0);
-    else if (flags & OS_O_TRUNC)
+    else if (!err && (flags & OS_O_TRUNC))
         files().truncate(found.inode, fs);
+    if (folder)
+        mutex_unlock(folder->mutex);
+    if (err)
+        return static_cast<os_file *>(os_err_ptr(err));
     void *p = mem_alloc(Kind::kFile, sizeof(os_file), __builtin_return_address(0));
     Inode *inode = found.inode.get();
     auto *file = new (p) os_file{inode, flags, take_slot(trimmed(path), std::move(found))};

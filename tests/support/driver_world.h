@@ -215,6 +215,16 @@ inline bool logged(int level, std::string_view text) {
 inline bool logged_error(std::string_view text) {
     return logged(255, text);
 }
+// Lines that contain the part, in the order of the log, without what stands before it.
+inline std::string order_of(std::string_view part) {
+    std::string order;
+    for (const std::string &line : sim::log()) {
+        const auto at = line.find(part);
+        if (at != std::string::npos)
+            order += line.substr(at) + "; ";
+    }
+    return order;
+}
 inline std::string whole_log() {
     std::string text;
     for (const std::string &line : sim::log())

@@ -4,6 +4,7 @@
 
 #include "driver/block/bitmap_file.h"
 #include "driver/module/log.h"
+#include "os/file.h"
 #include "os/sim/seeds.h"
 #include "os/time.h"
 #include "tests/unit/block/bitmap_image.h"
@@ -254,7 +255,8 @@ TEST(kdirtyd, yield_gives_up_after_its_time) {
     });
 }
 
-// The thread holds the filter's first request beyond the ten seconds that a destroy waits.
+// The thread is in the middle of the filter's first flag write for longer than the ten seconds that a
+// destroy waits: it makes the file, and somebody else has the folder locked.
 TEST(kdirtyd, a_filter_destroyed_under_the_thread_stays_in_memory_until_it_is_done) {
     sim::for_each_seed(20, [](std::uint64_t seed) {
         Machine machine;
@@ -265,18 +267,25 @@ TEST(kdirtyd, a_filter_destroyed_under_the_thread_stays_in_memory_until_it_is_do
             [&] {
                 make_clean_filter();
                 ASSERT_EQ(stop(0), 0);
+                machine.storage.remove(kIncrFile);
                 filter(0).incr_bmp_dirty = filter(0).diff_bmp_dirty = 1;
-                MutexHolder holder(&filter(0));
+                os_parent *folder = os_path_parent("/bmp/other");
+                os_parent_lock(folder);
                 for (const int type : {1, 0, 1})
                     EXPECT_EQ(trak_sched_write_dirty_flag(&filter(0), type), 0);
-                sim::sleep_ms(50);
+                sim::wait_until([] { return flag_writes() == 1; });
                 EXPECT_EQ(del(0), 0);
-                EXPECT_TRUE(
-                    logged_error("trak_yield_to_dirty_requests(): There are still some dirty "
-                                 "requests pending for trak(100, 0). Continuing anyway..."));
+                EXPECT_TRUE(logged_error("trak_yield_to_dirty_requests(): There are still some "
+                                         "dirty requests pending for trak(100, 0). Continuing "
+                                         "anyway..."));
                 EXPECT_EQ(node(0), nullptr);
                 EXPECT_EQ(add_filter(0), 0);  // the disk and the minor are free
-                holder.end();
+                os_parent_unlock(folder);
+                os_parent_put(folder);
+                sim::wait_until([&] { return machine.storage.exists(kIncrFile); });
+                sim::sleep_ms(1000);
+                EXPECT_EQ(machine.storage.read_file(kIncrFile), dirty_image());
+                EXPECT_EQ(flag_writes(), 1u);
             },
             2, options);
     });
