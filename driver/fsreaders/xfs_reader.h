@@ -30,6 +30,8 @@ struct xfs_reader {
     std::uint32_t *ag_length;  // per AG: blocks
     std::uint32_t *ag_free;    // per AG: free blocks as its header counts them
     std::int64_t trusted_ag;   // whose tree was found whole last; -1: none
+    std::uint32_t last_leaf;   // of it, where the last query ended; ~0: the first one
+    std::uint64_t last_block;  // AG-relative, that the last query ended at
 };
 
 // A context, or null when the disk holds another file system or cannot be read; the block size in

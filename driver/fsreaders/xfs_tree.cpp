@@ -2,12 +2,14 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // The tree of an AG by block number lists its free extents in rising order; its leaves are chained to
-// the right. A query descends to the leaf of its first block and then follows the chain.
+// the right. A query follows the chain from the leaf where the one before ended, or from the first leaf.
 //
 // A damaged tree must not call a block free. Before an AG is used its whole chain of leaves is walked
-// once: extents must rise without touching each other's blocks, lie within the AG and add up to the free
-// blocks of the AG's header. Descents are bounded by the greatest height that a tree of 32-bit block
-// numbers can have, chains by the number of the AG's blocks.
+// once: extents must rise without touching each other's blocks, leave out the AG's first block, which
+// holds its superblock, lie within the AG and add up to the free blocks of the AG's header. Only leaves
+// of that chain are believed: the keys of a damaged inner node may lead to one that was given up long
+// ago. Descents are bounded by the greatest height that a tree of 32-bit block numbers can have, chains
+// by the number of the AG's blocks.
 #include "driver/fsreaders/xfs_tree.h"
 
 #include "driver/fsreaders/disk_fields.h"
@@ -30,6 +32,7 @@ struct Cursor {
     const char *function;
     std::uint64_t ag_start;  // absolute block
     std::uint32_t ag_length;
+    std::uint32_t leaf;    // AG-relative block; kNoSibling: the first leaf
     std::uint32_t index;   // of the current record in the leaf
     std::uint32_t leaves;  // read so far
     bool ended;            // no current record any more
@@ -103,14 +106,18 @@ int settle(Cursor *at) {
         if (trak_be16(at->ctx->node + 4) != 0)
             return damaged(at->function, "a sibling that is no leaf");
         at->index = 0;
+        at->leaf = right;
     }
     return 0;
 }
 
-int descend(Cursor *at, std::uint32_t target, std::uint32_t root) {
-    const int rc = xfs_find_leaf(at->ctx, target, at->ag_start, root);
+// Points the cursor at the first record of the AG's first leaf, or of a leaf that it was at before.
+int begin(Cursor *at, std::uint32_t leaf, std::uint32_t root) {
+    const int rc = leaf == kNoSibling ? xfs_find_leaf(at->ctx, 0, at->ag_start, root)
+                                      : read_node(at->ctx, at->ag_start + leaf, at->function);
     if (rc < 0)
         return rc;
+    at->leaf = leaf;
     at->index = 0;
     at->leaves = 1;
     at->ended = false;
@@ -124,9 +131,9 @@ int advance(Cursor *at) {
 
 // Walks all extents of the AG once: 0 when they are what the AG's header says.
 int check_tree(Cursor *at, std::uint32_t ag) {
-    int rc = descend(at, 0, at->ctx->bno_root[ag]);
+    int rc = begin(at, kNoSibling, at->ctx->bno_root[ag]);
     std::uint64_t free_blocks = 0;
-    std::uint64_t end_before = 0;
+    std::uint64_t end_before = 1;
     while (rc == 0 && !at->ended) {
         if (record_start(*at) < end_before || record_end(*at) <= record_start(*at))
             return damaged(at->function, "extents that do not rise");
@@ -141,7 +148,7 @@ int check_tree(Cursor *at, std::uint32_t ag) {
     return rc;
 }
 
-// Points the cursor at the first extent that may cover AG-relative block r of the AG.
+// Points the cursor at an extent of the AG at or before the first one that may cover AG-relative block r.
 int enter_ag(Cursor *at, std::uint32_t ag, std::uint32_t r) {
     xfs_reader *ctx = at->ctx;
     at->ag_start = std::uint64_t{ag} * ctx->sb.sb_agblocks;
@@ -152,8 +159,14 @@ int enter_ag(Cursor *at, std::uint32_t ag, std::uint32_t r) {
         if (rc < 0)
             return rc;
         ctx->trusted_ag = ag;
+        ctx->last_leaf = kNoSibling;
+        ctx->last_block = 0;
     }
-    return descend(at, r, ctx->bno_root[ag]);
+    if (r < ctx->last_block) {
+        ctx->last_leaf = kNoSibling;
+        ctx->last_block = 0;
+    }
+    return begin(at, ctx->last_leaf, ctx->bno_root[ag]);
 }
 
 }  // namespace
@@ -178,7 +191,7 @@ int xfs_find_leaf(xfs_reader *ctx, std::uint32_t target, std::uint64_t ag_start,
 
 int xfs_mark_chunks(xfs_reader *ctx, std::uint32_t first, std::uint64_t ratio, std::uint8_t *out,
                     std::int32_t count, const char *function) {
-    Cursor at{ctx, function, 0, 0, 0, 0, true};
+    Cursor at{ctx, function, 0, 0, kNoSibling, 0, 0, true};
     std::uint64_t r = 0;
     for (std::int32_t k = 0; k < count; ++k, r += ratio) {
         int rc = 0;
@@ -194,6 +207,8 @@ int xfs_mark_chunks(xfs_reader *ctx, std::uint32_t first, std::uint64_t ratio, s
             rc = advance(&at);
         if (rc < 0)
             return rc;
+        ctx->last_leaf = at.leaf;
+        ctx->last_block = r;
         const bool free = !at.ended && record_start(at) <= r && record_end(at) >= r + ratio;
         if (!free)
             (void)trak_test_and_set_bit(out, static_cast<std::uint64_t>(k));
