@@ -4,7 +4,6 @@
 #define TRAK_TESTS_SUPPORT_SIM_RUN_H
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
@@ -12,17 +11,10 @@
 #include <string_view>
 
 #include "driver/module/log.h"
+#include "os/sim/seeds.h"
 #include "os/sim/sim.h"
 
 namespace sim_run {
-
-// How many seeds a test of concurrency tries: `usual`, scaled by TRAK_SEEDS (100 is the usual number).
-inline std::uint64_t seeds(std::uint64_t usual) {
-    const char *scale = std::getenv("TRAK_SEEDS");
-    const std::uint64_t percent = scale ? std::strtoull(scale, nullptr, 10) : 100;
-    const std::uint64_t count = usual * percent / 100;
-    return count ? count : 1;
-}
 
 // One boot for a piece of the driver that is used without its module being loaded: the logging buffer
 // that the piece's messages allocate is given back, so that a leak of anything else is seen.

@@ -274,7 +274,7 @@ TEST(dispatch, failed_copy_back_is_efault_with_the_text_of_a_copy_in) {
 TEST(dispatch, record_is_moved_without_the_lock_of_the_node_table) {
     // A writer who already waits gets in before the copy back ends the command only if the lock was
     // let go; a lock held over a copy would show as a copy made while nobody could write.
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(40); ++seed) {
+    sim::for_each_seed(40, [&](std::uint64_t seed) {
         with_control(
             [](Nodes &nodes) {
                 nodes.filter(5);
@@ -294,7 +294,7 @@ TEST(dispatch, record_is_moved_without_the_lock_of_the_node_table) {
                 sim::join(caller);
             },
             seed);
-    }
+    });
 }
 
 TEST(dispatch, commands_may_arrive_before_there_is_a_table) {

@@ -8,11 +8,9 @@ using control_test::Nodes;
 using control_test::with_control;
 
 TEST(proc_race, read_under_way_ends_when_its_node_is_deleted) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(100) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(100, [&](std::uint64_t seed) {
         with_control(
             [&](Nodes &nodes) {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 trak_device *dev = nodes.filter(3);
                 ASSERT_EQ(trak_proc_add_device(dev), 0);
                 std::vector<sim::Process *> readers;
@@ -38,15 +36,13 @@ TEST(proc_race, read_under_way_ends_when_its_node_is_deleted) {
                     sim::join(reader);
             },
             seed);
-    }
+    });
 }
 
 TEST(proc_race, read_of_another_node_waits_for_the_table_and_gets_its_text) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(60) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(60, [&](std::uint64_t seed) {
         with_control(
             [&](Nodes &nodes) {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 trak_device *leaving = nodes.filter(3);
                 trak_device *staying = nodes.filter(4);
                 ASSERT_EQ(trak_proc_add_device(leaving), 0);
@@ -69,15 +65,13 @@ TEST(proc_race, read_of_another_node_waits_for_the_table_and_gets_its_text) {
                 trak_proc_del_device(staying);
             },
             seed);
-    }
+    });
 }
 
 TEST(proc_race, failed_creation_of_a_folder_ends_reads_of_its_first_files) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(60) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(60, [&](std::uint64_t seed) {
         with_control(
             [&](Nodes &nodes) {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 trak_device *dev = nodes.filter(3);
                 bool done = false;
                 sim::Process *reader = sim::spawn("reader", [&] {
@@ -97,7 +91,7 @@ TEST(proc_race, failed_creation_of_a_folder_ends_reads_of_its_first_files) {
                 EXPECT_FALSE(sim::proc_exists("/proc/trak/trak3"));
             },
             seed);
-    }
+    });
 }
 
 }  // namespace

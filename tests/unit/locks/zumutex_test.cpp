@@ -80,11 +80,9 @@ TEST(zumutex, unlock_of_a_free_mutex_is_logged_and_ignored) {
 }
 
 TEST(zumutex, holders_exclude_each_other) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(60) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(60, [&](std::uint64_t seed) {
         with_mutex(
             [&](zumutex *mutex) {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 int inside = 0;
                 std::vector<sim::Process *> tasks;
                 for (int t = 0; t < 4; ++t)
@@ -104,7 +102,7 @@ TEST(zumutex, holders_exclude_each_other) {
                 EXPECT_NOTHING_LOGGED();
             },
             seed);
-    }
+    });
 }
 
 TEST(zumutex, taking_one_of_lower_rank_is_found) {

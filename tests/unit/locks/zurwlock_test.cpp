@@ -211,7 +211,7 @@ TEST(zurwlock, reader_that_may_give_up_enters_a_lock_that_readers_may_enter) {
 }
 
 TEST(zurwlock, reader_that_may_give_up_waits_until_it_is_told_to) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(40); ++seed) {
+    sim::for_each_seed(40, [&](std::uint64_t seed) {
         with_lock(
             [](zurwlock *lock) {
                 bool given_up = false;
@@ -232,7 +232,7 @@ TEST(zurwlock, reader_that_may_give_up_waits_until_it_is_told_to) {
                 zuwrite_unlock(lock);
             },
             seed);
-    }
+    });
 }
 
 TEST(zurwlock, reader_that_may_give_up_enters_once_the_writer_has_left) {
@@ -288,11 +288,9 @@ void use_lock(zurwlock *lock, Inside *inside) {
 }
 
 TEST(zurwlock, writers_exclude_everybody_and_nobody_is_forgotten) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(100) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(100, [&](std::uint64_t seed) {
         with_lock(
             [&](zurwlock *lock) {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 Inside inside;
                 std::vector<sim::Process *> tasks;
                 for (int t = 0; t < 5; ++t)
@@ -302,7 +300,7 @@ TEST(zurwlock, writers_exclude_everybody_and_nobody_is_forgotten) {
                 EXPECT_NOTHING_LOGGED();
             },
             seed);
-    }
+    });
 }
 
 TEST(zurwlock, taking_a_lock_of_lower_rank_is_found) {

@@ -199,11 +199,9 @@ TEST(log, message_from_interrupt_context_is_marked) {
 TEST(log, messages_logged_at_the_same_time_do_not_mix_and_none_is_lost) {
     constexpr int tasks = 4, each = 5;
     std::set<std::size_t> lengths;
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(100) && !testing::Test::HasFailure();
-         ++seed) {
+    sim::for_each_seed(100, [&](std::uint64_t seed) {
         sim_run::boot(
             [&] {
-                SCOPED_TRACE("seed " + std::to_string(seed));
                 trak_debug_init();
                 std::vector<sim::Process *> running;
                 for (int t = 0; t < tasks; ++t)
@@ -224,7 +222,7 @@ TEST(log, messages_logged_at_the_same_time_do_not_mix_and_none_is_lost) {
                 }
             },
             seed);
-    }
+    });
     // Whole, or cut where another message was being put together.
     EXPECT_EQ(lengths, (std::set<std::size_t>{511, 1500}));
 }

@@ -172,7 +172,7 @@ TEST(bread, device_or_buffer_that_is_null_is_a_bug) {
 }
 
 TEST(bread, several_readers_get_their_own_blocks) {
-    for (std::uint64_t seed = 1; seed <= sim_run::seeds(20); ++seed) {
+    sim::for_each_seed(20, [&](std::uint64_t seed) {
         sim::Storage storage;
         sim::Disk &disk = storage.add_disk("sda1", dev, disk_size, 512);
         disk.write(0, block_pattern(1, 65536));
@@ -193,7 +193,7 @@ TEST(bread, several_readers_get_their_own_blocks) {
                 trak_close_bdev(bdev);
             },
             seed);
-    }
+    });
 }
 
 }  // namespace
