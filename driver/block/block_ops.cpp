@@ -104,6 +104,11 @@ int trak_block_open(os_bdev *bdev, std::uint32_t /*mode*/) {
     return rc;
 }
 
+void drop_opener_locked(trak_device *dev) TRAK_REQUIRES(dev->dev_mutex) {
+    if (dev->use_cnt.sub(1) == 0)
+        dev->last_open_bdev = nullptr;
+}
+
 int trak_block_release(os_disk *disk, std::uint32_t /*mode*/) {
     const std::uint32_t minor = os_disk_first_minor(disk);
     trak_logf(TRAK_LOG_COMMAND, "%s(): Releasing trak(%d, %d)", trak_blk_major, minor);
@@ -111,16 +116,17 @@ int trak_block_release(os_disk *disk, std::uint32_t /*mode*/) {
     trak_device *dev = find_device_of(disk, minor);
     if (dev == nullptr) {
         trak_logf(TRAK_LOG_ERROR, "%s(): Unable to find trak(%d, %d)", trak_blk_major, minor);
-        // Unload must not wait for an opener that has gone.
-        if (trak_device *orphan = trak_find_orphan(record_of(disk)))
-            orphan->use_cnt.sub(1);
+        // Unload must not wait for an opener that has gone, nor a snap's start freeze through it.
+        if (trak_device *orphan = trak_find_orphan(record_of(disk))) {
+            const zumutex_guard mutex(&orphan->dev_mutex);
+            drop_opener_locked(orphan);
+        }
         return -EINVAL;
     }
     const zumutex_guard mutex(&dev->dev_mutex);
     if (trak_is_filter(dev))
         trak_block_save_dirty_bmps(&dev->filter);
-    if (dev->use_cnt.sub(1) == 0)
-        dev->last_open_bdev = nullptr;
+    drop_opener_locked(dev);
     os_module_put();
     return 0;
 }
