@@ -2,9 +2,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // Bytes 0 to 3: the seed of the schedule. Byte 4: the number of processes, which share the rest in
-// equal parts. Byte 5: how many steps of a usual beginning are made first (two filters, started, a snap
-// of each, started), so that short inputs reach far. Each process takes one byte as what to do and the next ones as its arguments, until
-// its part is used up; what lies beyond the end reads as zero.
+// equal parts. Byte 5: how many steps of a usual beginning are made first (two filters, started, a
+// snap of each, started), so that short inputs reach far. Then each process takes one byte as what to
+// do and the next ones as its arguments, until its part is used up; what lies beyond the end reads
+// as zero.
 //
 // Left out are the requests that are known to leave the node table locked for good (kept so on purpose,
 // see docs/compatibility.md): a snap whose chunk size differs from that of its filter's other

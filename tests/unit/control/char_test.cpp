@@ -43,7 +43,7 @@ std::string cmd_line(std::uint32_t code, const char *name) {
     return line;
 }
 
-TEST(char_device, registers_under_its_major_and_says_so_at_level_2) {
+TEST(char_device, registers_under_its_major_and_says_so) {
     sim_run::boot([] {
         trak_debug = 2;
         trak_chr_major = 42;

@@ -302,7 +302,7 @@ TEST(info, texts_that_fill_their_field_are_cut_by_one) {
     });
 }
 
-TEST(info, filter_with_more_than_256_snaps_shows_the_first_256) {
+TEST(info, filter_with_too_many_snaps_shows_as_many_as_fit) {
     sim_run::boot([] {
         trak_max_blk_minor = 400;
         trak_table_init();

@@ -88,7 +88,7 @@ TEST(proc, tree_is_made_and_removed) {
     });
 }
 
-TEST(proc, removal_is_told_at_level_1_and_its_entries_at_level_2) {
+TEST(proc, removal_is_a_milestone_and_that_of_its_entries_a_detail) {
     sim_run::boot([] {
         EXPECT_EQ(trak_create_proc(), 0);
         EXPECT_EQ(trak_remove_proc(), 0);
@@ -376,7 +376,7 @@ TEST(proc, read_without_page_eof_or_data_is_einval) {
     });
 }
 
-TEST(proc, read_is_told_at_level_2) {
+TEST(proc, read_is_told_like_a_command) {
     with_control([](Nodes &) {
         trak_debug = 2;
         read_text("/proc/trak/chr_major");
@@ -416,7 +416,7 @@ TEST(proc, each_file_that_can_not_be_made_takes_the_folder_with_it) {
     });
 }
 
-TEST(proc, removing_a_node_without_a_folder_is_0) {
+TEST(proc, removing_a_node_without_a_folder_succeeds) {
     with_control([](Nodes &nodes) {
         EXPECT_EQ(trak_proc_del_device(nodes.filter(3)), 0);
         EXPECT_EQ(sim::proc_list("/proc/trak").size(), 3u);

@@ -1,7 +1,5 @@
 // tests/unit/module/log_test.cpp: the system's messages
 // SPDX-License-Identifier: GPL-2.0-only
-#include <set>
-
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "driver/utils/trak_utils.h"
@@ -198,7 +196,7 @@ TEST(log, message_from_interrupt_context_is_marked) {
 
 TEST(log, messages_logged_at_the_same_time_do_not_mix_and_none_is_lost) {
     constexpr int tasks = 4, each = 5;
-    std::set<std::size_t> lengths;
+    bool short_seen = false;
     sim::for_each_seed(100, [&](std::uint64_t seed) {
         sim_run::boot(
             [&] {
@@ -218,13 +216,16 @@ TEST(log, messages_logged_at_the_same_time_do_not_mix_and_none_is_lost) {
                 for (const std::string &line : sim::log()) {
                     const std::string text = line.substr(std::strlen("<3>ERROR: "));
                     EXPECT_EQ(text.find_first_not_of(text[0]), std::string::npos) << line;
-                    lengths.insert(text.size());
+                    EXPECT_TRUE(text.size() == 1500 || text.size() == 511) << text.size();
+                    short_seen |= text.size() == 511;
                 }
             },
             seed);
     });
-    // Whole, or cut where another message was being put together.
-    EXPECT_EQ(lengths, (std::set<std::size_t>{511, 1500}));
+    // Whole, or cut where another message was being put together, which many seeds have.
+    const bool many_seeds =
+        sim::seed_setting("TRAK_SEED", 0) == 0 && sim::seed_setting("TRAK_SEEDS", 50) >= 50;
+    EXPECT_TRUE(short_seen || !many_seeds);
 }
 
 }  // namespace

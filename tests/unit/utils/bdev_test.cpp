@@ -70,7 +70,7 @@ TEST(bread, blocks_are_read_packed_and_in_order) {
     });
 }
 
-TEST(bread, block_3_of_1024_bytes_is_read_from_sector_6) {
+TEST(bread, block_number_times_size_is_where_it_is_read) {
     with_disk([](sim::Disk &disk, os_bdev *bdev) {
         const sim::Bytes marked = block_pattern(9, 1024);
         disk.write(6 * 512, marked);

@@ -8,7 +8,7 @@
 
 namespace {
 
-TEST(bits, bit_n_is_bit_n_and_7_of_byte_n_over_8) {
+TEST(bits, lowest_bit_of_the_first_byte_comes_first) {
     std::uint8_t bits[4] = {};
     EXPECT_FALSE(trak_test_and_set_bit(bits, 0));
     EXPECT_FALSE(trak_test_and_set_bit(bits, 11));

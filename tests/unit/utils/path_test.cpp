@@ -47,7 +47,7 @@ TEST(path, lookup_of_a_missing_entry_is_an_error_or_nothing) {
     });
 }
 
-TEST(path, lookup_gives_a_referenced_entry_and_tells_of_it_at_level_2) {
+TEST(path, lookup_gives_a_referenced_entry_and_tells_of_it) {
     with_tree([](sim::Storage &) {
         trak_debug = 2;
         os_dentry *dentry = trak_get_file_dentry("/mnt/bmp/file", 0);
@@ -93,7 +93,7 @@ TEST(path, device_below_a_missing_path_is_that_of_the_deepest_ancestor) {
     });
 }
 
-TEST(path, device_below_a_file_system_without_one_is_0) {
+TEST(path, device_below_a_file_system_without_one_is_none) {
     with_tree([](sim::Storage &) {
         EXPECT_EQ(trak_get_file_devt("/run/lock"), 0u);
         EXPECT_EQ(trak_get_file_devt("/run/none/none"), 0u);
@@ -107,7 +107,7 @@ TEST(path, root_is_never_tried_after_a_cut) {
     });
 }
 
-TEST(path, device_below_a_relative_path_is_0) {
+TEST(path, device_below_a_relative_path_is_none) {
     with_tree([](sim::Storage &) {
         EXPECT_EQ(trak_get_file_devt("mnt/bmp"), 0u);
         EXPECT_EQ(trak_get_file_devt("mnt"), 0u);
@@ -115,7 +115,7 @@ TEST(path, device_below_a_relative_path_is_0) {
     });
 }
 
-TEST(path, device_below_a_path_is_0_without_memory) {
+TEST(path, device_below_a_path_is_none_without_memory) {
     with_tree([](sim::Storage &) {
         trak_log(TRAK_LOG_MILESTONE, "%s(): first message", "test");
         sim::fail_nth(sim::Fault::kAlloc, 1);
