@@ -243,3 +243,44 @@ TEST(lifecycle, messages_of_a_failed_block_side) {
         EXPECT_EQ(trak_cleanup(), 0);
     });
 }
+
+// One failed step anywhere between a write and the delete of its node: an orderly end all the same, and the
+// next load of the map knows of every extent that was written.
+TEST(lifecycle, no_failed_step_loses_a_mark_over_an_orderly_stop) {
+    for (unsigned k = 0; k < static_cast<unsigned>(sim::Fault::kCount); ++k) {
+        const auto kind = static_cast<sim::Fault>(k);
+        bool done = false;
+        for (std::uint64_t nth = 1; !done; ++nth) {
+            SCOPED_TRACE(testing::Message() << "fault " << k << " nth " << nth);
+            Machine machine;
+            boot(machine, [&] {
+                make_clean_filter();
+                const std::uint64_t before = sim::fault_points(kind);
+                sim::fail_nth(kind, nth);
+                write_node(0, 8 * 9, 8);
+                write_node(0, 8 * 100, 8);
+                const int stopped = stop(0);
+                const int deleted = del(0);
+                done = sim::fault_points(kind) - before < nth;
+                sim::fail_none();
+                EXPECT_TRUE(stopped == 0 || stopped == -EFAULT || stopped == -ENODEV) << stopped;
+                EXPECT_TRUE(deleted == 0 || deleted == -EFAULT || deleted == -ENODEV) << deleted;
+                if (deleted != 0) {
+                    EXPECT_EQ(stop(0), 0);
+                    EXPECT_EQ(del(0), 0);
+                }
+                ASSERT_EQ(add_filter(0), 0);
+                // What counts is what the disk holds now, whatever the writes' results were.
+                const Bytes disk = machine.disk.read(0, kDiskSize);
+                for (std::size_t e = 0; e < 256; ++e) {
+                    const auto *at = disk.data() + e * 4096;
+                    if (std::any_of(at, at + 4096, [](std::uint8_t byte) { return byte != 0; })) {
+                        EXPECT_TRUE(bit(incr_bmp(0), e)) << e;
+                        EXPECT_TRUE(bit(diff_bmp(0), e)) << e;
+                    }
+                }
+            });
+            ASSERT_LT(nth, 200u);
+        }
+    }
+}
