@@ -307,11 +307,6 @@ bool trak_aio_overlaps(aio_tracker *tracker, const os_bio *request) {
     return true;
 }
 
-bool trak_aio_idle(const aio_tracker *tracker) {
-    const trak_spin_irq_guard spin(&aio_spin);
-    return trak_list_empty(&tracker->items);
-}
-
 void trak_aio_end_io(os_bio *clone, int error) {
     OS_BUG_ON(clone == nullptr);
     os_bio *parent = nullptr;

@@ -31,8 +31,6 @@ struct aio_tracker {
 // True while the request overlaps one in flight. The disks in question are told to start what they hold
 // back. Context: sleep.
 [[nodiscard]] bool trak_aio_overlaps(aio_tracker *tracker, const os_bio *request);
-// True while no clone is left. Context: any.
-[[nodiscard]] bool trak_aio_idle(const aio_tracker *tracker);
 void trak_aio_end_io(os_bio *clone, int error);
 void trak_aio_destructor(os_bio *clone);
 // wait == 0 ends every parent in flight with -EIO and lets the clones end by themselves; else waits for

@@ -12,6 +12,7 @@
 #include "driver/snap/snap_list.h"
 #include "driver/snap/snap_node.h"
 #include "driver/utils/string.h"
+#include "os/task.h"
 
 namespace {
 
@@ -83,6 +84,9 @@ void cow_submit_read(cow_work *work, os_bio *bio) {
     trak_filter *filter = &work->filter->filter;
     os_bio *clone = trak_aio_clone(&filter->aio, bio, 1, OS_GFP_NOIO);
     if (clone == nullptr) {
+        // No memory; what the clone would have waited for still comes first.
+        while (trak_aio_overlaps(&filter->aio, bio))
+            os_yield();
         os_generic_make_request(bio);
         return;
     }

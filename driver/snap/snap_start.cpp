@@ -1,20 +1,20 @@
 // driver/snap/snap_start.cpp: the start of a snapshot
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// The image is the disk at one instant, and at that instant nothing may be on its way to the disk:
+// The image is the disk at one instant:
 //   1. the COW files are made, sized and synced while everything runs;
 //   2. the file system on the filter is frozen, so that it is consistent and has no write under way;
 //   3. snap_rwlock is taken for writing at a moment when no request is in the filter's path and none
 //      came since the last look; it is tried, not waited for, so that a deadline holds;
-//   4. with it held, what was sent to the disk before is waited for, to the same deadline. What
-//      waits in the COW queue reaches the disk after this instant and is preserved like any later
-//      write;
-//   5. the snap becomes part of every later decision, at the tail of the filter's list if one that
+//   4. the snap becomes part of every later decision, at the tail of the filter's list if one that
 //      stands behind it runs already: the list is in the order of starts.
 // Lock and freeze go in every exit.
+//
+// Without a file system there may still be writes under way. What was sent to the disk before is in the
+// image: whoever reads or copies what it touches waits for its clone first. What waits in the COW queue
+// reaches the disk after this instant, and is preserved like any later write.
 #include "driver/block/lifecycle.h"
 #include "driver/block/locks.h"
-#include "driver/block/trak_aio_26.h"
 #include "driver/module/log.h"
 #include "driver/module/params.h"
 #include "driver/snap/snap_files.h"
@@ -66,30 +66,20 @@ void wait_a_little(const trak_device *filter) {
     os_yield();
 }
 
-// Takes snap_rwlock for writing with nothing in flight to the disk: 0 with the lock held, or -EAGAIN
-// without.
+// Takes snap_rwlock for writing: 0, or -EAGAIN without it.
 TRAK_NO_THREAD_SAFETY_ANALYSIS int quiesce(trak_device *filter, std::uint64_t deadline) {
     trak_filter *part = &filter->filter;
     for (;;) {
         part->write_cnt.store(0);
         if (zuwrite_trylock(&part->snap_rwlock)) {
             if (part->write_cnt.load() == 0)
-                break;
+                return 0;
             zuwrite_unlock(&part->snap_rwlock);
         }
         if (os_jiffies() > deadline)
             return time_out(filter);
         wait_a_little(filter);
     }
-    while (!trak_aio_idle(&part->aio)) {
-        if (os_jiffies() > deadline) {
-            zuwrite_unlock(&part->snap_rwlock);
-            return time_out(filter);
-        }
-        os_queue_unplug(os_bdev_queue(part->hdd_bdev));
-        wait_a_little(filter);
-    }
-    return 0;
 }
 
 // Requests that an earlier life of this snap tagged belong to no life any more.

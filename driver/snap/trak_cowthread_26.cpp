@@ -4,9 +4,9 @@
 // Life      not running (pid 0) -> running (start) -> ended by shutdown, once the queue is empty, or by
 //           abort. A thread that can't get its working set says so (`failed`) and ends by itself;
 //           whoever looks next takes its record back.
-// Locks     `pid`, `stop` and the record as a whole change with the filter's snap_rwlock held for
-//           writing, under which no request decides whether to queue: a request is queued only while
-//           the thread will still look at it.
+// Locks     `serving` goes back to 0 and `stop` to 1 with the filter's snap_rwlock held for writing,
+//           under which no request decides whether to queue: a request is queued only while the
+//           thread will still look at it. A start takes no lock: it must not wait for requests.
 #include "driver/snap/trak_cowthread_26.h"
 
 #include "driver/block/device.h"
@@ -201,16 +201,16 @@ int trak_cowthread_start(trak_cowthread *thread, const char *name, trak_device *
         trak_logf(TRAK_LOG_ERROR, "%s(): NULL thread pointer passed as input");
         return -EINVAL;
     }
-    zurwlock *lock = &filter->filter.snap_rwlock;
     if (thread->pid != 0 && trak_read_once(thread->failed) != 0) {
         os_wait_for_completion(&thread->exited);
-        forget_thread(thread, lock);
+        thread->pid = 0;
     }
     if (thread->pid != 0) {
         trak_logf(TRAK_LOG_ERROR, "%s(): COW thread is already running: pid=%d", thread->pid);
         return -EALREADY;
     }
-    forget_thread(thread, lock);
+    // Requests look at `serving` and `stop`, which are 0 in a thread that does not run.
+    trak_write_once(thread->failed, 0u);
     thread->owner = filter;
     trak_strncpy0(thread->name, name == nullptr || name[0] == '\0' ? "kcowd" : name,
                   sizeof(thread->name));
@@ -221,10 +221,7 @@ int trak_cowthread_start(trak_cowthread *thread, const char *name, trak_device *
         trak_logf(TRAK_LOG_ERROR, "%s(): Failed to start COW thread %s: rc=%d", thread->name, pid);
         return pid;
     }
-    {
-        const zuwrite_guard guard(lock);
-        trak_write_once(thread->pid, pid);
-    }
+    thread->pid = pid;
     trak_logf(TRAK_LOG_MILESTONE, "%s(): Successfully started COW thread %s. pid=%d...",
               thread->name, pid);
     return 0;

@@ -101,3 +101,17 @@ TEST(snapshot, is_given_up_and_the_disk_goes_on_where_the_cow_files_have_no_room
         run_plan(seed, plan);
     });
 }
+
+// Reads that are on their way when the snapshot is given up, and what the disk shows once the writes go.
+TEST(snapshot, never_shows_a_later_write_while_it_is_given_up) {
+    sim::for_each_seed(150, [](std::uint64_t seed) {
+        Plan plan;
+        plan.sectors = 32;
+        plan.longest = 32;
+        plan.snaps = 1 + static_cast<unsigned>(seed % 3);
+        Machine machine(plan.sectors * kSector);
+        snap_world::prepare(machine);
+        SnapRun run(machine, plan);
+        run.give_up(seed, options_of(seed));
+    });
+}

@@ -210,6 +210,38 @@ class SnapRun {
             resume(snaps_[order[i] - 1], *before[order[i]]);
     }
 
+    // Every snap runs; then the files of one of them take no more bytes while all are read and the disk
+    // is overwritten.
+    void give_up(std::uint64_t seed, const sim::Options &options) {
+        const auto work = [&] {
+            build();
+            for (SnapState &snap : snaps_)
+                start(snap);
+            // What one preserves before is lost with it.
+            if (seed % 2 == 0)
+                overwrite(0, 8);
+            const auto victim = static_cast<int>(1 + sim::random(snaps_.size()));
+            machine_.storage.fail_path(snap_world::data_path(victim), sim::Fault::kWrite, -ENOSPC);
+            std::vector<sim::Process *> tasks;
+            for (SnapState &snap : snaps_)
+                tasks.push_back(sim::spawn("reader", [this, &snap] { read_until_refused(snap); }));
+            tasks.push_back(sim::spawn("writer", [this] { overwrite(0, plan_.sectors); }));
+            for (sim::Process *task : tasks)
+                sim::join(task);
+        };
+        plan_.full = true;
+        driver_world::boot(machine_, work, 1, options);
+    }
+
+    void read_until_refused(SnapState &snap) {
+        os_bdev *bdev = open(snap.minor);
+        bool more = bdev != nullptr;
+        for (unsigned i = 0; i < 60 && more && !failed(); ++i)
+            more = read_image(snap, snap.epoch, bdev, sim::random(plan_.sectors), 1);
+        if (bdev != nullptr)
+            sim::close_device(bdev);
+    }
+
     // ---- single steps -----------------------------------------------------------------------
 
     void start(SnapState &snap) {
@@ -323,12 +355,14 @@ class SnapRun {
     }
 
     // Writes that change every chunk, one after the other.
-    void overwrite_all() {
+    void overwrite_all() { overwrite(0, plan_.sectors); }
+
+    void overwrite(std::uint64_t from, std::uint64_t to) {
         os_bdev *bdev = open(0);
         if (bdev == nullptr)
             return;
-        for (std::uint64_t s = 0; s < plan_.sectors && !failed();) {
-            const std::uint64_t count = std::min(plan_.sectors - s, 1 + sim::random(plan_.longest));
+        for (std::uint64_t s = from; s < to && !failed();) {
+            const std::uint64_t count = std::min(to - s, 1 + sim::random(plan_.longest));
             std::vector<Pending> one{submit_write(bdev, s, count, false)};
             finish_one(one);
             s += count;

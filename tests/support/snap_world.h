@@ -75,14 +75,29 @@ inline Bytes contents(std::uint32_t minor, std::uint64_t sector, std::size_t sec
     return read_snap(minor, sector, bytes) == 0 ? bytes : Bytes{};
 }
 
-// Bytes that tell where on the disk they lie, and when they were written.
-inline Bytes pattern(std::uint64_t sector, std::size_t sectors, std::uint8_t generation = 0) {
+// Bytes that tell where on the disk they lie.
+inline Bytes pattern(std::uint64_t sector, std::size_t sectors) {
     Bytes bytes(sectors * OS_SECTOR_SIZE);
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] =
-            static_cast<std::uint8_t>(((sector << 9) + i) / 512 * 7 + i % 251 + generation * 31);
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const std::uint64_t at = sector * OS_SECTOR_SIZE + i;
+        bytes[i] = static_cast<std::uint8_t>(at / OS_SECTOR_SIZE * 7 + at % 251);
+    }
     return bytes;
 }
+
+// Where two strings of bytes differ first; empty where they don't.
+inline std::string difference(const Bytes &actual, const Bytes &expected) {
+    if (actual.size() != expected.size())
+        return std::to_string(actual.size()) + " bytes instead of " +
+               std::to_string(expected.size());
+    for (std::size_t i = 0; i < actual.size(); ++i) {
+        if (actual[i] != expected[i])
+            return "byte " + std::to_string(i) + " is " + std::to_string(actual[i]) +
+                   " instead of " + std::to_string(expected[i]);
+    }
+    return {};
+}
+#define EXPECT_BYTES(actual, expected) EXPECT_EQ(snap_world::difference(actual, expected), "")
 
 inline void fill_disk(Machine &machine) {
     const std::size_t sectors = machine.disk.size() >> 9;
