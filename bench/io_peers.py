@@ -1,8 +1,8 @@
 # bench/io_peers.py: the things whose I/O is compared, each as a loop device on one image
 # SPDX-License-Identifier: GPL-2.0-only
-"""A peer is entered with `with`, gives the path of a block device, and leaves nothing behind. All of
-them work on the same image with direct I/O underneath, and all are seen through a loop device with
-direct I/O, so that what differs is what stands between the loop device and the image.
+"""A peer is entered with `with`, gives the path of a block device, and leaves nothing behind. All
+of them work on the same image with direct I/O underneath, and all are seen through a loop device
+with direct I/O, so that what differs is what stands between the loop device and the image.
 """
 import json
 import os
@@ -12,7 +12,8 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "system"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests",
+                                "system"))
 
 from trak_machine import Machine  # noqa: E402
 from trak_testing import Failed, eventually, run  # noqa: E402

@@ -82,21 +82,22 @@ def snap_part(machine, image, options, results):
         for kind in (Trak, TrakSnap):
             wait_for_quiet()
             peer = kind(machine, image) if kind is Trak else kind(machine, image, cow)
-            touched_again(peer, image, options, results)
+            touched_again(peer, options, results)
 
 
-def touched_again(peer, image, options, results):
+def touched_again(peer, options, results):
+    def add(name, device, load):
+        results.setdefault(name, {}).setdefault(peer.name, []).append(
+            fio(device, LOADS[load], options.seconds))
+
     with peer:
         fio(peer.loop, ["--rw=write", "--bs=1M", "--iodepth=4", f"--size={options.size}M"], 0)
-        for name, load in (("again-write-4k", LOADS["write-4k"]), ("again-read-4k",
-                                                                  LOADS["read-4k"])):
-            results.setdefault(name, {}).setdefault(peer.name, []).append(
-                fio(peer.loop, load, options.seconds))
+        for load in ("write-4k", "read-4k"):
+            add(f"again-{load}", peer.loop, load)
         if isinstance(peer, TrakSnap):
             loop = peer.m.loop(peer.d.node("trak1"), "--direct-io=on", "--read-only")
-            for name in ("read-4k", "read-1m"):
-                results.setdefault(f"snap-{name}", {}).setdefault(peer.name, []).append(
-                    fio(loop, LOADS[name], options.seconds))
+            for load in ("read-4k", "read-1m"):
+                add(f"snap-{load}", loop, load)
             peer.m.unloop(loop)
 
 
@@ -106,7 +107,7 @@ def inproc_part():
         print("inproc: bench_inproc is not built (libbenchmark-dev)")
         return []
     done = subprocess.run([program, "--benchmark_format=json", "--benchmark_min_time=0.5",
-                           "--benchmark_repetitions=5", "--benchmark_report_aggregates_only=true"],
+                           "--benchmark_repetitions=3", "--benchmark_report_aggregates_only=true"],
                           stdout=subprocess.PIPE, text=True, timeout=600, check=True)
     return [one for one in json.loads(done.stdout)["benchmarks"]
             if one.get("aggregate_name", "median") == "median"]
@@ -117,29 +118,30 @@ def median(rounds, key):
 
 
 def table(results):
-    lines = ["| load | on | IOPS | MiB/s | p99 us | p99.9 us | CPU us/request | of bare | of trak |",
-             "|---|---|---|---|---|---|---|---|---|"]
+    lines = ["| load | on | IOPS | MiB/s | p99 us | p99.9 us | CPU us/request | of bare | of trak "
+             "|", "|---|---|---|---|---|---|---|---|---|"]
     for name, peers in results.items():
         iops = {peer: median(rounds, "iops") for peer, rounds in peers.items()}
         for peer, rounds in peers.items():
             ratio = [f"{iops[peer] / iops[base]:.2f}" if iops.get(base) else "" for base in
                      ("bare", "trak")]
             cpu = median(rounds, "cpu_us_per_io") if "cpu_us_per_io" in rounds[0] else 0
-            lines.append(f"| `{name}` | {peer} | {iops[peer]:.0f} | {median(rounds, 'mib_s'):.0f} | "
-                         f"{median(rounds, 'p99_us'):.0f} | {median(rounds, 'p999_us'):.0f} | "
-                         f"{f'{cpu:.1f}' if cpu else ''} | {ratio[0]} | {ratio[1]} |")
+            mib_s, p99, p999 = (median(rounds, key) for key in ("mib_s", "p99_us", "p999_us"))
+            lines.append(f"| `{name}` | {peer} | {iops[peer]:.0f} | {mib_s:.0f} | {p99:.0f} | "
+                         f"{p999:.0f} | {f'{cpu:.1f}' if cpu else ''} | {ratio[0]} | {ratio[1]} |")
     return "\n".join(lines)
 
 
 def inproc_table(rows):
-    lines = ["| in process | ns | more |", "|---|---|---|"]
+    lines = ["| in process | ns | CPU ns | more |", "|---|---|---|---|"]
     for row in rows:
         skip = {"name", "run_name", "run_type", "family_index", "per_family_instance_index",
                 "repetitions", "threads", "aggregate_name", "aggregate_unit", "iterations",
                 "real_time", "cpu_time", "time_unit"}
         more = ", ".join(f"{key} {value:.4g}" for key, value in row.items()
                          if key not in skip and isinstance(value, (int, float)))
-        lines.append(f"| `{row['run_name']}` | {row['real_time']:.0f} | {more} |")
+        lines.append(f"| `{row['run_name']}` | {row['real_time']:.0f} | {row['cpu_time']:.0f} | "
+                     f"{more} |")
     return "\n".join(lines)
 
 
