@@ -321,6 +321,7 @@ TEST(snap_start, requests_that_an_earlier_life_tagged_lose_their_tag) {
         sim::Request *next = sim::start_request(bdev, OS_BIO_WRITE, 64, Bytes(4096));
         trak_cowqueue &queue = filter(0).cowqueue;
         ASSERT_EQ(queue.cnt.load(), 2);
+        sim::sleep_ms(20);
         // The stop waits for the head, which waits for the disk.
         sim::Process *stopper = sim::spawn("stopper", [] { EXPECT_EQ(stop(1), 0); });
         sim::wait_until([] { return !is_started(1); });

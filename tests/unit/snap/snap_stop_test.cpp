@@ -138,6 +138,7 @@ TEST(snap_stop, stop_waits_until_the_thread_has_finished_the_head) {
         os_bdev *bdev = open_node(0);
         machine.disk.hold(true);
         sim::Request *head = sim::start_request(bdev, OS_BIO_WRITE, 0, Bytes(4096));
+        sim::sleep_ms(20);  // the thread reads what the write needs preserved
         bool stopped = false;
         sim::Process *stopper = sim::spawn("stopper", [&] {
             EXPECT_EQ(stop(1), 0);
