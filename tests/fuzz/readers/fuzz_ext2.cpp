@@ -1,0 +1,7 @@
+// tests/fuzz/readers/fuzz_ext2.cpp: libFuzzer's way into the reader of ext2 and ext3
+// SPDX-License-Identifier: GPL-2.0-only
+#include "tests/fuzz/readers/reader_program.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    return fuzz::run_reader_input(fuzz::ReaderImage::kExt2, data, size);
+}
