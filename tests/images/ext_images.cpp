@@ -57,6 +57,11 @@ struct Made {
     const char *options;
 };
 
+// How a test of it is called.
+void PrintTo(const Made &made, std::ostream *out) {
+    *out << made.what;
+}
+
 class ExtImages : public ::testing::TestWithParam<Made> {
   protected:
     void SetUp() override {
