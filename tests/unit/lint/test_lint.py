@@ -50,8 +50,9 @@ class LintTest(unittest.TestCase):
 
     def test_line_of_101_columns_is_a_fault_and_of_100_is_none(self):
         text = "x" * 100 + "\n" + "x" * 101 + "\n// " + "x" * 107 + "\n// " + "x" * 108 + "\n"
-        faults = text_checks.check_lengths(self.tree(a_DOT_h=text))
-        self.assertEqual(self.texts(faults), ["a.h:2 columns", "a.h:4 columns"])
+        tree = self.tree(a_DOT_h=text, b_DOT_py="#" * 110 + "\n" + "#" * 111 + "\n")
+        faults = text_checks.check_lengths(tree)
+        self.assertEqual(self.texts(faults), ["a.h:2 columns", "a.h:4 columns", "b.py:2 columns"])
 
     def test_function_of_71_lines_is_a_fault_and_of_70_is_none(self):
         def function(name, count):
