@@ -2,9 +2,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // The input is a list of changes of 8 bytes each: which piece of metadata (1), where in it (2), how (1),
-// a value (4); what is short of 8 is 0. The reader may refuse the image, or must call no block free that the image, as it is
-// after the changes, says to be in use. Throws std::logic_error where it does, sim::Failure where a
-// rule of the machine is broken.
+// a value (4); what is short of 8 is 0. The reader may refuse the image, or must call no block free
+// that the image, as it is after the changes, says to be in use. Throws std::logic_error where it
+// does, sim::Failure where a rule of the machine is broken.
 #ifndef TRAK_TESTS_FUZZ_READERS_READER_PROGRAM_H
 #define TRAK_TESTS_FUZZ_READERS_READER_PROGRAM_H
 
