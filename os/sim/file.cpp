@@ -187,6 +187,8 @@ long os_vfs_write(struct os_file *file, const void *buf, size_t count, int64_t *
         write_some(slot, offset, buf, count);
         return err;
     }
+    if (files().stopped.count(slot.path))
+        return 0;
     bool synced = (file->flags & OS_O_SYNC) == OS_O_SYNC;
     Inode *fs = files().file_system(slot.found.folder);
     count = transfer_size(count);

@@ -101,6 +101,8 @@ class Storage {
     void set_free_bytes(const std::string &dir, std::uint64_t bytes);  // then -ENOSPC
     // Every call on the path (not below it) fails with the errno; 0 takes it back.
     void fail_path(const std::string &path, Fault kind, int err);
+    // Writes of the path move nothing and report no error: 0 bytes.
+    void stop_writes(const std::string &path, bool stopped);
     // Lookups of the path find an entry without an inode.
     void hide_inode(const std::string &path, bool hidden);
 

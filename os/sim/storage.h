@@ -76,6 +76,7 @@ struct Storage::Impl {
     std::vector<Undo> journal;  // in order; committed by any sync
     std::map<os_dev_t, std::unique_ptr<Disk>> disks;
     std::map<std::string, std::array<int, static_cast<std::size_t>(Fault::kCount)>> failing;
+    std::set<std::string> stopped;        // paths whose writes move nothing
     std::set<std::string> without_inode;  // paths whose lookup finds an entry and no inode
 
     std::shared_ptr<Inode> make(const std::shared_ptr<Inode> &folder, const std::string &name,

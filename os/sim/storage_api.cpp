@@ -180,6 +180,13 @@ void Storage::fail_path(const std::string &path, Fault kind, int err) {
     impl->failing[trimmed(path)][static_cast<std::size_t>(kind)] = err < 0 ? -err : err;
 }
 
+void Storage::stop_writes(const std::string &path, bool stopped) {
+    if (stopped)
+        impl->stopped.insert(trimmed(path));
+    else
+        impl->stopped.erase(trimmed(path));
+}
+
 void Storage::hide_inode(const std::string &path, bool hidden) {
     if (hidden)
         impl->without_inode.insert(trimmed(path));

@@ -18,14 +18,19 @@ namespace sim_run {
 
 // One boot for a piece of the driver that is used without its module being loaded: the logging buffer
 // that the piece's messages allocate is given back, so that a leak of anything else is seen.
-inline void boot(sim::Storage &storage, const std::function<void()> &fn, std::uint64_t seed = 1) {
-    sim::Options options;
-    options.seed = seed;
+inline void boot(sim::Storage &storage, const std::function<void()> &fn,
+                 const sim::Options &options) {
     sim::World world(storage, options);
     world.run([&] {
         fn();
         trak_debug_destroy();
     });
+}
+
+inline void boot(sim::Storage &storage, const std::function<void()> &fn, std::uint64_t seed = 1) {
+    sim::Options options;
+    options.seed = seed;
+    boot(storage, fn, options);
 }
 
 inline void boot(const std::function<void()> &fn, std::uint64_t seed = 1) {

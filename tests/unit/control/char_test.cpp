@@ -56,6 +56,9 @@ TEST(char_device, registers_under_its_major_and_says_so) {
         EXPECT_EQ(trak_char_destroy(), 0);
         EXPECT_LOGGED_INFO("trak_char_destroy(): Unregistering character device driver");
         EXPECT_EQ(sim::chr_read(0, 1), -ENODEV);
+        sim::clear_log();
+        EXPECT_EQ(trak_char_destroy(), 0);
+        EXPECT_NOTHING_LOGGED();
     });
 }
 

@@ -347,6 +347,15 @@ TEST(proc, other_file_at_the_top_is_empty) {
     });
 }
 
+TEST(proc, file_named_like_a_parameter_elsewhere_is_empty) {
+    with_control([](Nodes &) {
+        os_proc_entry *folder = os_proc_mkdir("other", trak_dir);
+        os_proc_entry *entry = os_create_proc_entry("debug", 0444, folder);
+        os_proc_set_ops(entry, trak_read_proc, nullptr, entry);
+        EXPECT_EQ(read_text("/proc/trak/other/debug"), "");
+    });
+}
+
 TEST(proc, read_ignores_the_offset_and_the_count) {
     with_control([](Nodes &nodes) {
         trak_device *dev = nodes.filter(3);

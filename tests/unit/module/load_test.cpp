@@ -149,6 +149,15 @@ TEST(load, failure_of_any_step_undoes_those_before_it) {
     }
 }
 
+TEST(load, failure_frees_the_logging_buffer_and_its_last_line_allocates_it_again) {
+    sim_run::boot([] {
+        sim::fail_nth(sim::Fault::kOpen, 1);  // the control device's registration
+        EXPECT_LT(trak_init(), 0);
+        EXPECT_EQ(sim::fault_points(sim::Fault::kAlloc), 2u);
+        EXPECT_NE(trak_debug_buffer, nullptr);
+    });
+}
+
 TEST(load, highest_minor_that_makes_no_sense_fails_with_enomem) {
     for (const std::int32_t max : {-1, -2, INT32_MIN, INT32_MAX, 0x100000}) {
         sim_run::boot([&] {

@@ -1,6 +1,9 @@
 // tests/unit/utils/bdev_test.cpp: opening disks and reading their blocks
 // SPDX-License-Identifier: GPL-2.0-only
+#include <utility>
+
 #include "driver/utils/trak_utils.h"
+#include "os/disk.h"
 #include "tests/support/sim_run.h"
 
 namespace {
@@ -153,6 +156,54 @@ TEST(bread, any_failing_read_of_many_is_eio) {
                                 std::to_string(nth - 1));
         });
     }
+}
+
+// A disk of this test's own, whose queue holds requests back until it is unplugged.
+struct Plugged {
+    os_bio *waiting = nullptr;
+    int unplugs = 0;
+
+    static Plugged &of(os_queue *queue) { return *static_cast<Plugged *>(os_queue_data(queue)); }
+    static int take(os_queue *queue, os_bio *bio) {
+        of(queue).waiting = bio;
+        return 0;
+    }
+    static void unplug(os_queue *queue) {
+        Plugged &self = of(queue);
+        self.unplugs++;
+        if (os_bio *bio = std::exchange(self.waiting, nullptr))
+            os_bio_endio(bio, 0);
+    }
+    static int open(os_bdev *, std::uint32_t) { return 0; }
+    static int release(os_disk *, std::uint32_t) { return 0; }
+};
+
+TEST(bread, each_block_is_read_without_waiting_for_more) {
+    sim_run::boot([] {
+        static const os_block_device_operations operations = {Plugged::open, Plugged::release,
+                                                              nullptr};
+        ASSERT_EQ(os_register_blkdev(77, "test"), 0);
+        Plugged plugged;
+        os_disk *disk = os_alloc_disk(1);
+        os_queue *queue = os_alloc_queue(OS_GFP_KERNEL);
+        os_disk_setup(disk, 77, 0, "test", &operations);
+        os_disk_set_capacity(disk, 64);
+        os_queue_make_request(queue, Plugged::take);
+        os_queue_set_unplug(queue, Plugged::unplug);
+        os_queue_set_data(queue, &plugged);
+        os_disk_set_queue(disk, queue);
+        os_add_disk(disk);
+        os_bdev *bdev = trak_open_bdev(os_mkdev(77, 0), OS_FMODE_READ);
+        ASSERT_NE(bdev, nullptr);
+        sim::Bytes got(3 * 1024);
+        EXPECT_EQ(trak_bread(bdev, got.data(), 1024, 0, 3), 0);
+        EXPECT_EQ(plugged.unplugs, 3);
+        trak_close_bdev(bdev);
+        os_del_gendisk(disk);
+        os_cleanup_queue(queue);
+        os_put_disk(disk);
+        os_unregister_blkdev(77, "test");
+    });
 }
 
 TEST(bread, device_or_buffer_that_is_null_is_a_bug) {

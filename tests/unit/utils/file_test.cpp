@@ -1,5 +1,6 @@
 // tests/unit/utils/file_test.cpp: open, read, write, sync, truncate and close
 // SPDX-License-Identifier: GPL-2.0-only
+#include <algorithm>
 #include <numeric>
 
 #include "driver/utils/trak_utils.h"
@@ -160,6 +161,44 @@ TEST(file, failed_write_is_logged_with_what_was_left_to_write) {
         storage.fail_path(path, sim::Fault::kWrite, -28);
         EXPECT_EQ(trak_fwrite(file, 0, buf, 100), -ENOSPC);
         EXPECT_LOGGED_ERROR("trak_fwrite(): Failed to write 100 bytes into /data/file: rc=-28");
+    });
+}
+
+TEST(file, write_that_moves_nothing_is_eio_and_says_how_far_it_got) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const char buf[100] = {};
+        storage.stop_writes(path, true);
+        EXPECT_EQ(trak_fwrite(file, 0, buf, 100), -EIO);
+        EXPECT_LOGGED_ERROR("trak_fwrite(): Short write into /data/file: wrote 0 instead of 100");
+        EXPECT_EQ(storage.read_file(path), pattern(300));
+    });
+}
+
+TEST(file, transfers_in_pieces_move_every_byte_to_its_place) {
+    sim::for_each_seed(50, [](std::uint64_t seed) {
+        sim::Storage storage;
+        sim::Options options;
+        options.seed = seed;
+        options.short_transfers = true;
+        storage.write_file("/file", pattern(1000));
+        sim_run::boot(
+            storage,
+            [&] {
+                trak_file *file = trak_fopen("/file", OS_O_RDWR, 0600);
+                ASSERT_NE(file, nullptr);
+                sim::Bytes got(900, 0);
+                EXPECT_EQ(trak_fread(file, 50, got.data(), 900), 900);
+                const sim::Bytes all = pattern(1000);
+                EXPECT_TRUE(std::equal(got.begin(), got.end(), all.begin() + 50));
+                std::reverse(got.begin(), got.end());
+                EXPECT_EQ(trak_fwrite(file, 70, got.data(), 900), 900);
+                sim::Bytes expected = all;
+                std::copy(got.begin(), got.end(), expected.begin() + 70);
+                EXPECT_EQ(storage.read_file("/file"), expected);
+                EXPECT_NOTHING_LOGGED();
+                EXPECT_EQ(trak_fclose(file), 0);
+            },
+            options);
     });
 }
 

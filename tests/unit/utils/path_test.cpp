@@ -100,6 +100,25 @@ TEST(path, device_below_a_file_system_without_one_is_none) {
     });
 }
 
+TEST(path, link_in_the_last_place_is_not_followed_to_another_file_system) {
+    with_tree([](sim::Storage &storage) {
+        storage.write_file("/run/lock/file", {});
+        EXPECT_EQ(trak_get_file_devt("/mnt/link"), os_mkdev(8, 1));
+        EXPECT_EQ(trak_get_file_devt("/mnt/link/file"), 0u);
+        // What is missing behind the link leaves the link itself in the last place.
+        EXPECT_EQ(trak_get_file_devt("/mnt/link/none"), os_mkdev(8, 1));
+    });
+}
+
+TEST(path, entry_without_an_inode_is_nothing_and_its_parent_is_tried) {
+    with_tree([](sim::Storage &storage) {
+        storage.hide_inode("/mnt/bmp/file", true);
+        EXPECT_EQ(trak_get_file_dentry("/mnt/bmp/file", 0), nullptr);
+        EXPECT_EQ(trak_get_file_devt("/mnt/bmp/file"), os_mkdev(8, 1));
+        EXPECT_NOTHING_LOGGED();
+    });
+}
+
 TEST(path, root_is_never_tried_after_a_cut) {
     with_tree([](sim::Storage &) {
         EXPECT_EQ(trak_get_file_devt("/none"), 0u);
