@@ -13,7 +13,7 @@ class Hangs(SystemTest):
         loop = self.m.loop(d.node())
         run("mke2fs", "-q", "-t", "ext4", loop)
         self.m.mount(loop, "mnt")
-        print(f"\ndirectory {self.m.dir}", flush=True)
+        print(f"\ndirectory {self.m.dir}\nloop {loop}", flush=True)
         self.m.tell_watcher("a trakd that was stopped|2")
         d.signal(signal.SIGSTOP)
         os.stat(f"{d.root}/proc/trak/debug")

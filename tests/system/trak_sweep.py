@@ -59,19 +59,20 @@ def is_below(path, directory):
     return path == directory or path.startswith(directory.rstrip("/") + "/")
 
 
+def backing(name):
+    """The file behind a loop device; empty when there is none."""
+    try:
+        with open(f"/sys/block/{name}/loop/backing_file", encoding="utf-8") as file:
+            return file.read().rstrip("\n").removesuffix(" (deleted)")
+    except OSError:
+        return ""
+
+
 def loops(below):
     """[(name, backing file)] of loop devices on files below a directory."""
-    found = []
-    for name in sorted(os.listdir("/sys/block")):
-        if name.startswith("loop"):
-            try:
-                with open(f"/sys/block/{name}/loop/backing_file", encoding="utf-8") as file:
-                    backing = file.read().rstrip("\n").removesuffix(" (deleted)")
-            except OSError:
-                continue
-            if is_below(backing, below):
-                found.append((name, backing))
-    return found
+    found = [(name, backing(name)) for name in sorted(os.listdir("/sys/block"))
+             if name.startswith("loop")]
+    return [(name, path) for name, path in found if path and is_below(path, below)]
 
 
 def daemons(below):
@@ -157,12 +158,13 @@ def wait_gone(pid, seconds):
     return False
 
 
-def unmount_all(below):
+def unmount_all(below, fuse):
+    """Either the FUSE mounts or all others."""
     for point, kind, _ in mounts(below):
-        if not kind.startswith("fuse"):
-            thaw(point)
-    for point, _, _ in mounts(below):
-        libc.umount2(point.encode(), MNT_DETACH | UMOUNT_NOFOLLOW)
+        if kind.startswith("fuse") == fuse:
+            if not fuse:
+                thaw(point)
+            libc.umount2(point.encode(), MNT_DETACH | UMOUNT_NOFOLLOW)
 
 
 def leftovers(below):
@@ -186,9 +188,13 @@ def sweep(directory):
                 if error.errno != errno.ESRCH:
                     raise
             wait_gone(pid, 5)
-        unmount_all(directory)
+        # Loop devices before the tree that their files lie in: without its mount a backing file has
+        # another name, and nobody could tell any more whose it is.
+        unmount_all(directory, fuse=False)
         for name, _ in loops(directory):
             clear_loop(name)
+        if not loops(directory) or attempt > 20:
+            unmount_all(directory, fuse=True)
         if attempt:
             time.sleep(0.05 * attempt)
     left = leftovers(directory)
