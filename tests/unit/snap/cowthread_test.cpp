@@ -422,3 +422,35 @@ TEST(cowthread, request_whose_clone_has_no_memory_reaches_the_disk_all_the_same)
     }
     EXPECT_TRUE(seen);
 }
+
+TEST(cowthread, request_without_a_clone_still_waits_for_the_one_that_it_overlaps) {
+    int without_clone = 0;
+    for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+        Machine machine;
+        prepare(machine);
+        sim::Options options;
+        options.seed = seed;
+        boot(
+            machine,
+            [&] {
+                make_started_snap();
+                os_bdev *bdev = open_node(0);
+                ASSERT_EQ(sim::write_device(bdev, 0, Bytes(4096)), 0);
+                machine.disk.hold(true);
+                sim::Request *first = sim::start_request(bdev, OS_BIO_WRITE, 0, Bytes(2048, 1));
+                sim::Request *second = sim::start_request(bdev, OS_BIO_WRITE, 2, Bytes(2048, 2));
+                sim::fail_random(sim::Fault::kAlloc, 1000);
+                sim::sleep_ms(10);
+                sim::fail_none();
+                machine.disk.hold(false);
+                EXPECT_EQ(sim::wait_request(first, nullptr), 0);
+                EXPECT_EQ(sim::wait_request(second, nullptr), 0);
+                EXPECT_BYTES(machine.disk.read(0, 1024), Bytes(1024, 1));
+                EXPECT_BYTES(machine.disk.read(1024, 2048), Bytes(2048, 2));
+                without_clone += logged_error("cow_worker(): Failed to clone BIO");
+                sim::close_device(bdev);
+            },
+            1, options);
+    }
+    EXPECT_GT(without_clone, 0);
+}

@@ -221,3 +221,25 @@ TEST(snap_resume, several_resumed_newest_first_show_their_images) {
         EXPECT_BYTES(contents(2, 8, 56), pattern(8, 56));
     });
 }
+
+TEST(snap_resume, one_of_two_at_once_is_refused) {
+    Left left;
+    for (std::uint64_t seed = 1; seed <= 30; ++seed) {
+        sim::Options options;
+        options.seed = seed;
+        boot(
+            left,
+            [] {
+                make_snap();
+                int results[2];
+                sim::Process *one = sim::spawn("one", [&] { results[0] = resume(1); });
+                sim::Process *two = sim::spawn("two", [&] { results[1] = resume(1); });
+                sim::join(one);
+                sim::join(two);
+                EXPECT_EQ(std::min(results[0], results[1]), -EALREADY);
+                EXPECT_EQ(std::max(results[0], results[1]), 0);
+                EXPECT_BYTES(contents(1, 0, 64), pattern(0, 64));
+            },
+            1, options);
+    }
+}
