@@ -276,8 +276,11 @@ TEST(snap_start, comes_through_under_full_load) {
                 for (unsigned i = 0; i < 4; ++i)
                     writers.push_back(sim::spawn("writer", [&stop_it, i] {
                         os_bdev *bdev = open_node(0);
-                        for (std::uint64_t s = i * 400; !stop_it; s = (s + 3) % 2000)
-                            EXPECT_EQ(sim::write_device(bdev, s, Bytes(2048)), 0);
+                        std::uint64_t sector = i * 400;
+                        while (!stop_it) {
+                            EXPECT_EQ(sim::write_device(bdev, sector, Bytes(2048)), 0);
+                            sector = (sector + 3) % 2000;
+                        }
                         sim::close_device(bdev);
                     }));
                 sim::sleep_ms(5);
