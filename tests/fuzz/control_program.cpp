@@ -42,7 +42,8 @@ class Input {
     template <typename T> T take() {
         T value{};
         const std::size_t n = std::min(sizeof value, left_.size());
-        std::memcpy(&value, left_.data(), n);
+        if (n != 0)
+            std::memcpy(&value, left_.data(), n);
         left_ = left_.subspan(n);
         return value;
     }
