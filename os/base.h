@@ -30,7 +30,6 @@
 
 #define OS_PRINTF(fmt, args) __attribute__((format(printf, fmt, args)))
 #define OS_MUST_CHECK __attribute__((warn_unused_result))
-#define OS_NORETURN __attribute__((noreturn))
 
 /* Linux error numbers, for a driver that has no <errno.h>. */
 #ifndef EPERM
@@ -77,14 +76,17 @@ static inline void *os_err_ptr(int err) {
 }
 
 OS_BEGIN
-/* A broken invariant that only a programming error can cause. Context: any. Does not return. */
-OS_NORETURN void os_bug(const char *file, int line, const char *condition);
+/* A broken invariant that only a programming error can cause. Context: any. Does not return, but isn't
+ * declared so: a kernel's check of its objects looks for an instruction at which the code ends. */
+void os_bug(const char *file, int line, const char *condition);
 OS_END
 
 #define OS_BUG_ON(condition)                                                                       \
     do {                                                                                           \
-        if (__builtin_expect(!!(condition), 0))                                                    \
+        if (__builtin_expect(!!(condition), 0)) {                                                  \
             os_bug(__FILE__, __LINE__, #condition);                                                \
+            __builtin_trap();                                                                      \
+        }                                                                                          \
     } while (0)
 
 #endif

@@ -117,7 +117,7 @@ WORDS = (
     (("driver", "os", "daemon", "ctl"), (), r"\b(strcpy|strcat|sprintf|vsprintf|gets)\s*\(",
      "a bounded copy (snprintf, memcpy with a checked length)"),
     (("driver", "os", "daemon", "ctl"), (), r"\busing namespace std\b", "name what is used"),
-    (("driver", "os", "daemon", "ctl"), (), r"\bNULL\b", "nullptr"),
+    (("driver", "os", "daemon", "ctl"), ("os/linux",), r"\bNULL\b", "nullptr"),
     (("driver",), (), r"\b(throw|catch|dynamic_cast|typeid|thread_local|virtual)\b",
      "the driver is freestanding: results, not exceptions or virtual calls"),
     (("driver",), (), r"\b(new|delete)\b(?!\s*;)", "os_kmalloc and an explicit init"),

@@ -1,0 +1,12 @@
+// os/linux/compat/6.12/compat_file.h: files and folders of kernel 6.12
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_OS_LINUX_COMPAT_FILE_H
+#define TRAK_OS_LINUX_COMPAT_FILE_H
+
+#include <linux/fs.h>
+#include <linux/mount.h>
+
+/* What calls that make or remove entries take first: whose ids the mount shows, as an identity map. */
+#define compat_mount_ids(mnt) mnt_idmap(mnt)
+
+#endif

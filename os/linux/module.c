@@ -1,0 +1,66 @@
+// os/linux/module.c: the module as the kernel loads and unloads it
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// The kernel refuses to unload a module that is referred to; each open of a node and of the control
+// device holds a reference. The exit function itself can't refuse: an unload step that fails (a disk
+// that is still being let go, say) is tried again until it succeeds, for code and data of the module
+// are gone the moment that the function returns.
+#include <generated/utsrelease.h>
+#include <linux/bug.h>
+#include <linux/init.h>
+#include <linux/kernel.h>
+#include <linux/module.h>
+#include <linux/sched.h>
+
+#include "os/task.h"
+
+/* The driver's entries and parameters (driver/module/module.h and params.h). */
+int trak_init(void);
+int trak_cleanup(void);
+extern int32_t trak_chr_major;
+extern int32_t trak_debug;
+extern int32_t trak_blk_major;
+extern int32_t trak_max_blk_minor;
+
+static_assert(PAGE_SIZE == OS_PAGE_SIZE, "the driver's pages are the kernel's");
+
+const char *os_utsrelease(void) {
+    return UTS_RELEASE;
+}
+
+void os_module_get(void) {
+    __module_get(THIS_MODULE);
+}
+
+void os_module_put(void) {
+    module_put(THIS_MODULE);
+}
+
+void os_bug(const char *file, int line, const char *condition) {
+    pr_crit("trak: %s:%d: %s\n", file, line, condition);
+    BUG();
+}
+
+static int __init trak_module_init(void) {
+    return trak_init();
+}
+
+static void __exit trak_module_exit(void) {
+    while (trak_cleanup() != 0)
+        schedule_timeout_idle(HZ);
+}
+
+module_init(trak_module_init);
+module_exit(trak_module_exit);
+
+module_param(trak_chr_major, int, 0444);
+MODULE_PARM_DESC(trak_chr_major, "major number of the control device (0: any free one)");
+module_param(trak_debug, int, 0444);
+MODULE_PARM_DESC(trak_debug, "messages: 0 errors only, 1 to 4 ever more");
+module_param(trak_blk_major, int, 0444);
+MODULE_PARM_DESC(trak_blk_major, "major number of the block devices");
+module_param(trak_max_blk_minor, int, 0444);
+MODULE_PARM_DESC(trak_max_blk_minor, "highest minor number of a node");
+
+MODULE_LICENSE("GPL");
+MODULE_DESCRIPTION("Block Filtering and Snap Driver");
