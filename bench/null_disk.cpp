@@ -43,7 +43,7 @@ os_dev_t null_disk_make(std::uint64_t size) {
     os_queue_make_request(g_queue, end_at_once);
     os_disk_set_queue(g_disk, g_queue);
     os_disk_set_capacity(g_disk, size >> OS_SECTOR_SHIFT);
-    os_add_disk(g_disk);
+    must(os_add_disk(g_disk) == 0, "can't add the disk");
 
     os_parent *parent = os_path_parent(kNullDisk);
     must(!os_is_err(parent), "no /dev/trak");

@@ -3,7 +3,7 @@
 //
 // Making one: os_register_blkdev once; then per disk os_alloc_disk, os_alloc_queue, the setters,
 // os_add_disk (from here on it is visible and may be opened). Taking it away: os_del_gendisk,
-// os_cleanup_queue, os_put_disk.
+// os_cleanup_queue, os_put_disk; the last two alone for one that was not added.
 #ifndef TRAK_OS_DISK_H
 #define TRAK_OS_DISK_H
 
@@ -46,7 +46,8 @@ void *os_queue_data(const struct os_queue *queue);
 /* The request-size limits (and what a request may be: flush, discard, zeroes) of another queue. */
 void os_queue_copy_limits(struct os_queue *to, const struct os_queue *from);
 
-void os_add_disk(struct os_disk *disk);    /* context: sleep */
+/* 0, or a negative errno with nothing added. Context: sleep. */
+int os_add_disk(struct os_disk *disk) OS_MUST_CHECK;
 void os_del_gendisk(struct os_disk *disk); /* context: sleep */
 void os_cleanup_queue(struct os_queue *queue);
 void os_put_disk(struct os_disk *disk);

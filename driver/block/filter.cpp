@@ -321,7 +321,12 @@ int trak_block_add_disk(const char *function, trak_device *dev, std::uint64_t se
     os_queue_set_unplug(queue, unplug);
     os_disk_set_queue(disk, queue);
     trak_hide_orphans(static_cast<std::uint32_t>(dev->minor));
-    os_add_disk(disk);
+    if (const int rc = os_add_disk(disk); rc != 0) {
+        trak_log(TRAK_LOG_ERROR, "%s(): Failed to add new generic disk: rc=%d", function, rc);
+        os_cleanup_queue(queue);
+        os_put_disk(disk);
+        return rc;
+    }
     dev->disk = disk;
     os_queue_copy_limits(queue, os_bdev_queue(hdd));
     return 0;

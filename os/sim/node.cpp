@@ -167,7 +167,7 @@ void os_queue_unplug(struct os_queue *queue) {
     point();
 }
 
-void os_add_disk(struct os_disk *disk) {
+int os_add_disk(struct os_disk *disk) {
     might_sleep("os_add_disk");
     os_disk &d = checked(disk, "os_add_disk");
     Kernel &k = kernel();
@@ -182,9 +182,13 @@ void os_add_disk(struct os_disk *disk) {
     if (!registered || k.nodes.count(dev))
         fail("os_add_disk: (%u, %u) is taken or its major is not registered", d.major,
              d.first_minor);
+    point();
+    if (fault(Fault::kOpen))
+        return -ENOMEM;
     d.visible = true;
     k.nodes[dev] = disk;
     point();
+    return 0;
 }
 
 void os_del_gendisk(struct os_disk *disk) {

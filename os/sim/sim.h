@@ -53,7 +53,7 @@ enum class Fault : unsigned {
     kRead,   // file reads and disk reads
     kWrite,  // file writes and disk writes
     kFlush,  // fsync and disk flushes
-    kOpen,   // opening files and devices, mknod, unlink, registrations, thread starts
+    kOpen,   // opening files and devices, mknod, unlink, registrations, adding disks, thread starts
     kProc,   // making /proc entries
     kCount
 };

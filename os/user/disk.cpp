@@ -180,14 +180,16 @@ void os_queue_copy_limits(os_queue *to, const os_queue *from) {
     to->limits = from->limits.load();
 }
 
-void os_add_disk(os_disk *disk) {
+int os_add_disk(os_disk *disk) {
     os_dev_t dev = os_mkdev(disk->major, disk->first_minor);
     {
         Guard held(devices().mutex);
-        devices().nodes[dev] = disk;
+        if (!devices().nodes.emplace(dev, disk).second)
+            return -EBUSY;
         disk->added = true;
     }
     user::tell(dev, &user::Listener::node_added);
+    return 0;
 }
 
 void os_del_gendisk(os_disk *disk) {

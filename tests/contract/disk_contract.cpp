@@ -91,7 +91,7 @@ void set_up(Driver &driver, os_make_request_fn fn) {
     os_disk_setup(driver.disk, driver.major, 3, "contract3", &kOps);
     os_disk_set_capacity(driver.disk, kSectors);
     os_disk_set_queue(driver.disk, driver.queue);
-    os_add_disk(driver.disk);
+    ASSERT_EQ(os_add_disk(driver.disk), 0);
 }
 
 void tear_down(Driver &driver) {

@@ -441,6 +441,28 @@ TEST(filter, messages_of_failed_allocations_are_the_stated_ones) {
     EXPECT_EQ(seen[4], 2u);
 }
 
+TEST(filter, disk_that_can_not_be_added_is_taken_back) {
+    Machine machine;
+    boot(machine, [&] {
+        const std::string message =
+            "trak_ioctl_add_filter_node(): Failed to add new generic disk: rc=-12";
+        int rc = 0;
+        for (std::uint64_t nth = 1; nth < 60 && !logged_error(message); ++nth) {
+            if (rc == 0 && node(0) != nullptr) {
+                ASSERT_EQ(del(0), 0);
+            }
+            sim::fail_nth(sim::Fault::kOpen, nth);
+            rc = add_filter(0);
+            sim::fail_none();
+        }
+        EXPECT_TRUE(logged_error(message));
+        EXPECT_EQ(rc, -ENOMEM);
+        EXPECT_EQ(node(0), nullptr);
+        EXPECT_TRUE(sim::nodes().empty());
+        EXPECT_EQ(add_filter(0), 0);
+    });
+}
+
 TEST(filter, two_creations_at_once_leave_a_sound_table) {
     sim::for_each_seed(40, [](std::uint64_t seed) {
         Machine machine;

@@ -29,7 +29,7 @@ struct Node {
         os_disk_setup(disk, major, 0, "x", &ops);
         os_disk_set_capacity(disk, 2048);
         os_disk_set_queue(disk, queue);
-        os_add_disk(disk);
+        EXPECT_EQ(os_add_disk(disk), 0);
     }
     os_dev_t dev() const { return os_mkdev(major, 0); }
     void remove() {

@@ -302,7 +302,7 @@ TEST(sim_rules, an_allocation_that_may_wait_for_io_in_a_request_is_found) {
         os_disk_setup(disk, static_cast<std::uint32_t>(major), 0, "x", &ops);
         os_disk_set_capacity(disk, 8);
         os_disk_set_queue(disk, queue);
-        os_add_disk(disk);
+        EXPECT_EQ(os_add_disk(disk), 0);
         int err = 0;
         os_bdev *bdev =
             sim::open_device(os_mkdev(static_cast<std::uint32_t>(major), 0), kBoth, &err);

@@ -297,6 +297,30 @@ TEST(snap_create, missing_disk_is_taken_back) {
     });
 }
 
+TEST(snap_create, disk_that_can_not_be_added_is_taken_back) {
+    with_filter([](Machine &) {
+        bool seen = false;
+        for (std::uint64_t nth = 1; nth < 60 && !seen; ++nth) {
+            int rc;
+            sim::fail_nth(sim::Fault::kOpen, nth);
+            create_directly(snap_arg(2, 4096), &rc);
+            sim::fail_none();
+            seen = logged_error(kFn + "Failed to add new generic disk: rc=-12");
+            if (seen) {
+                EXPECT_EQ(rc, -ENOMEM);
+                EXPECT_EQ(node(2), nullptr);
+                EXPECT_TRUE(trak_list_empty(&filter(0).snaps));
+                EXPECT_EQ(sim::nodes().size(), 1u);
+            }
+            if (rc == 0) {
+                ASSERT_EQ(del(2), 0);
+            }
+        }
+        EXPECT_TRUE(seen);
+        EXPECT_EQ(add_snap(2), 0);
+    });
+}
+
 TEST(snap_create, node_is_read_only_and_as_large_as_the_disk) {
     with_filter([](Machine &) {
         ASSERT_EQ(add_snap(1), 0);

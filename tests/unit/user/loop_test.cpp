@@ -423,7 +423,7 @@ TEST_F(user_loop, what_is_mounted_through_nodes_is_listed) {
     os_disk *disk = os_alloc_disk(1);
     os_disk_setup(disk, 100, 4, "trak4", &ops);
     os_disk_set_capacity(disk, 8 * kMiB / 512);
-    os_add_disk(disk);
+    ASSERT_EQ(os_add_disk(disk), 0);
     EXPECT_TRUE(user::mounted_through_nodes().empty());
     Loop loop(file);
     Mounted mounted(loop.path(), make_folder("mnt"), "ext4");

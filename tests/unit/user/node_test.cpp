@@ -65,7 +65,7 @@ struct PassThrough {
         os_queue_make_request(queue, make_request);
         os_queue_set_data(queue, this);
         os_disk_set_queue(disk, queue);
-        os_add_disk(disk);
+        EXPECT_EQ(os_add_disk(disk), 0);
         exists = true;
         os_up(&table);
     }

@@ -192,7 +192,7 @@ TEST(bread, each_block_is_read_without_waiting_for_more) {
         os_queue_set_unplug(queue, Plugged::unplug);
         os_queue_set_data(queue, &plugged);
         os_disk_set_queue(disk, queue);
-        os_add_disk(disk);
+        ASSERT_EQ(os_add_disk(disk), 0);
         os_bdev *bdev = trak_open_bdev(os_mkdev(77, 0), OS_FMODE_READ);
         ASSERT_NE(bdev, nullptr);
         sim::Bytes got(3 * 1024);
