@@ -71,6 +71,56 @@ bool add_usage(Json &json, const trak_info_arg &snap, trak_cow_usage &usage) {
     return known;
 }
 
+// What is known of a started snap's free space; `known` is false where it is not started.
+struct Datablocks {
+    trak_datablock_usage usage;
+    bool known;
+};
+
+Datablocks datablocks_of(const App &app, const trak_info_arg &snap) {
+    Datablocks data = {};
+    data.known = snap.started != 0 && trak_datablock_usage_get(app.t(), &snap, &data.usage) == 0;
+    return data;
+}
+
+Json datablocks_json(const trak_datablock_usage &usage) {
+    Json json = Json::object();
+    if (usage.built < 0)
+        json.null("built");
+    else
+        json.flag("built", usage.built != 0);
+    if (usage.file_system[0] == '\0')
+        json.null("file_system");
+    else
+        json.text("file_system", usage.file_system);
+    json.number("unit_size", usage.unit_size).number("units", usage.units);
+    json.number("units_with_data", usage.units_with_data);
+    json.number("bytes_with_data", usage.bytes_with_data);
+    json.real("part_of_volume",
+              static_cast<double>(usage.bytes_with_data) / static_cast<double>(usage.volume_bytes));
+    return json;
+}
+
+void add_datablocks(Json &json, const Datablocks &data) {
+    if (data.known)
+        json.value("datablocks", datablocks_json(data.usage));
+    else
+        json.null("datablocks");
+}
+
+std::string datablocks_text(const Datablocks &data) {
+    const trak_datablock_usage &usage = data.usage;
+    if (!data.known)
+        return "unknown";
+    if (usage.built == 0)
+        return "no map: everything counts as data";
+    if (usage.built < 0)
+        return "everything counts as data";
+    return fmt::format("{} ({}) on {}", size_text(usage.bytes_with_data),
+                       percent_text(usage.bytes_with_data, usage.volume_bytes),
+                       usage.file_system[0] != '\0' ? usage.file_system : "an unknown file system");
+}
+
 Json bitmap_file_json(uint32_t size, const std::string &file, uint32_t clear, uint32_t full) {
     Json json = Json::object();
     json.number("size", size).text("file", file).flag("clear", clear != 0).flag("full", full != 0);
@@ -137,12 +187,14 @@ Rows filter_rows(const trak_info_arg &info) {
             {"  file", field_text(info.diff_bmp_fname)}};
 }
 
-Rows snap_rows(const trak_info_arg &info, int64_t filter, const std::string &usage) {
+Rows snap_rows(const trak_info_arg &info, int64_t filter, const std::string &usage,
+               const std::string &data) {
     return {{"filter", filter >= 0 ? std::to_string(filter) : "unknown"},
             {"chunks", fmt::format("{} of {}", info.chunk_cnt, size_text(info.chunk_size))},
             {"COW bitmap", field_text(info.cow_bmp_fname)},
             {"COW data", field_text(info.cow_data_fname)},
-            {"COW usage", usage.empty() ? "unknown" : usage}};
+            {"COW usage", usage.empty() ? "unknown" : usage},
+            {"data blocks", data}};
 }
 
 }  // namespace
@@ -193,7 +245,9 @@ void info(App &app) {
         trak_cow_usage usage;
         json = snap_json(info, filter);
         bool known = add_usage(json, info, usage);
-        more = snap_rows(info, filter, known ? usage_text(usage) : "");
+        Datablocks data = datablocks_of(app, info);
+        add_datablocks(json, data);
+        more = snap_rows(info, filter, known ? usage_text(usage) : "", datablocks_text(data));
     }
     rows.insert(rows.end(), more.begin(), more.end());
     app.result(json, table_text(rows));
@@ -223,17 +277,21 @@ std::string add_change(const App &app, Json &json, Json change, uint32_t minor, 
     return text;
 }
 
-Json snap_status(const trak_info_arg &info, uint32_t filter, Rows &rows) {
+Json snap_status(const App &app, const trak_info_arg &info, uint32_t filter, Rows &rows) {
     Json json = snap_json(info, filter);
+    Datablocks data = datablocks_of(app, info);
     trak_cow_usage usage;
     std::string text = "-";
     if (add_usage(json, info, usage))
         text = fmt::format("{} ({}), {} allocated", size_text(usage.bytes_preserved),
                            percent_text(usage.bytes_preserved, usage.volume_bytes),
                            size_text(usage.bytes_allocated));
+    add_datablocks(json, data);
     rows.push_back({"  " + std::to_string(info.minor), state_text(info),
                     std::to_string(info.use_cnt), size_text(info.dev_size), "COW", text,
                     field_text(info.name)});
+    if (data.known)
+        rows.push_back({"", "", "", "", "data", datablocks_text(data), ""});
     return json;
 }
 
@@ -253,7 +311,7 @@ Json filter_status(const App &app, const trak_info_arg &info, Rows &rows) {
     for (uint32_t i = 0; i < info.snaps && i < TRAK_LIST_MAX; i++) {
         trak_info_arg snap;
         if (trak_get_info(app.t(), info.snap_minors[i], &snap) == 0)
-            snaps.add(snap_status(snap, info.minor, rows));
+            snaps.add(snap_status(app, snap, info.minor, rows));
     }
     json.value("snapshots", snaps);
     return json;

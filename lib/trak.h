@@ -222,6 +222,26 @@ struct trak_cow_usage {
 };
 TRAK_MUST int trak_cow_usage_get(const struct trak_info_arg *snap, struct trak_cow_usage *out);
 
+/* What a started snap knows of the free space of the file system on its image. */
+struct trak_datablock_usage {
+    /* 1: its data-block map was built. 0: it was not, and every chunk counts as holding data.
+     * -1: it can't be told, and every chunk is reported as holding data. */
+    int built;
+    char file_system[16]; /* "ext2", "ext3", "ext4", "ReiserFS", "XFS"; "": not known */
+    uint64_t unit_size;   /* bytes of disk that are counted as one: a chunk, or more of them */
+    uint64_t units;
+    uint64_t units_with_data;
+    uint64_t bytes_with_data; /* at most the volume's */
+    uint64_t volume_bytes;
+};
+/*
+ * Asks for the whole map once, in units so large that it takes a megabyte at most. Where the map was
+ * built, the file system is read off the image: the snap is open for that moment, and a stop of it
+ * would be refused. -EINVAL: no snap. -ENODATA: it is not started.
+ */
+TRAK_MUST int trak_datablock_usage_get(struct trak *t, const struct trak_info_arg *snap,
+                                       struct trak_datablock_usage *out);
+
 #ifdef __cplusplus
 }
 #endif

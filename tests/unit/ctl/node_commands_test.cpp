@@ -198,6 +198,35 @@ TEST_F(Nodes, info_of_a_snapshot_has_its_cow_usage) {
         << out;
 }
 
+TEST_F(Nodes, info_and_status_tell_what_the_data_block_map_says) {
+    add_filter();
+    add_snap();
+    EXPECT_EQ(nullptr, json({"info", "1"})["datablocks"]) << "it is not started";
+    EXPECT_EQ(0, run({"status"}));
+    EXPECT_EQ(std::string::npos, out.find("  data  ")) << out;
+    ASSERT_EQ(0, run({"start", "1"}));
+    driver.nodes[1].data_chunks = 25;
+    dir.put("proc/trak/trak1/dev_name", "/dev/trak/trak1\n");
+    dir.put("dev/trak/trak1", "XFSB" + std::string(2000, '\0'));
+    const auto value = json({"info", "1"})["datablocks"];
+    EXPECT_EQ(true, value["built"]);
+    EXPECT_EQ("XFS", value["file_system"]);
+    EXPECT_EQ(65536, value["unit_size"]);
+    EXPECT_EQ(100, value["units"]);
+    EXPECT_EQ(25, value["units_with_data"]);
+    EXPECT_EQ(25 * 65536, value["bytes_with_data"]);
+    EXPECT_EQ(value, json({"status"})["filters"][0]["snapshots"][0]["datablocks"]);
+    EXPECT_EQ(0, run({"info", "1"}));
+    EXPECT_NE(std::string::npos, out.find("data blocks  1.6 MiB (25.0%) on XFS\n")) << out;
+    EXPECT_EQ(0, run({"status"}));
+    EXPECT_NE(std::string::npos, out.find("data            1.6 MiB (25.0%) on XFS\n")) << out;
+    driver.nodes[1].map_built = false;
+    EXPECT_EQ(false, json({"info", "1"})["datablocks"]["built"]);
+    EXPECT_EQ(nullptr, json({"info", "1"})["datablocks"]["file_system"]);
+    EXPECT_EQ(0, run({"status"}));
+    EXPECT_NE(std::string::npos, out.find("no map: everything counts as data\n")) << out;
+}
+
 TEST_F(Nodes, status_tells_changes_and_snapshots) {
     add_filter();
     add_snap();

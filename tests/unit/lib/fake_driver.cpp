@@ -259,8 +259,11 @@ int Driver::on_datablocks(trak_datablock_arg *arg) {
     auto need = static_cast<int32_t>(((node.extents() + ratio - 1) / ratio + 7) / 8);
     if (need > arg->size)
         return -EINVAL;
-    memset(reinterpret_cast<void *>(static_cast<uintptr_t>(arg->data)), 0x0f,
-           static_cast<size_t>(need));
+    auto *bits = reinterpret_cast<uint8_t *>(static_cast<uintptr_t>(arg->data));
+    bool pattern = node.map_built && node.data_chunks < 0;
+    memset(bits, pattern ? 0x0f : node.map_built ? 0 : 0xff, static_cast<size_t>(need));
+    for (int64_t c = 0; node.map_built && c < node.data_chunks; c++)
+        bits[c / ratio / 8] |= static_cast<uint8_t>(1u << (c / ratio % 8));
     arg->size = need;
     return 0;
 }

@@ -40,6 +40,10 @@ struct Node {
     bool dirty[2] = {false, false};
     std::vector<uint8_t> bits[2];  // by bitmap type
     std::vector<uint32_t> snaps;
+    // A snap's data-block map: whether it was built, and how many chunks hold data, from 0 on (-1: a
+    // pattern).
+    bool map_built = true;
+    int64_t data_chunks = -1;
     uint32_t extents() const { return static_cast<uint32_t>((dev_size - 1) / unit + 1); }
 };
 
