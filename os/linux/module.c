@@ -12,6 +12,7 @@
 #include <linux/module.h>
 #include <linux/sched.h>
 
+#include "os/linux/block.h"
 #include "os/task.h"
 
 /* The driver's entries and parameters (driver/module/module.h and params.h). */
@@ -42,12 +43,23 @@ void os_bug(const char *file, int line, const char *condition) {
 }
 
 static int __init trak_module_init(void) {
-    return trak_init();
+    int rc = trak_bio_init();
+
+    if (rc != 0)
+        return rc;
+    rc = trak_init();
+    if (rc != 0) {
+        trak_disk_exit();
+        trak_bio_exit();
+    }
+    return rc;
 }
 
 static void __exit trak_module_exit(void) {
     while (trak_cleanup() != 0)
         schedule_timeout_idle(HZ);
+    trak_disk_exit();
+    trak_bio_exit();
 }
 
 module_init(trak_module_init);

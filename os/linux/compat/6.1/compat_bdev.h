@@ -1,0 +1,37 @@
+// os/linux/compat/6.1/compat_bdev.h: opening, closing and freezing block devices, in kernel 6.1
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_COMPAT_BDEV_H
+#define TRAK_COMPAT_BDEV_H
+
+#include <linux/blkdev.h>
+#include <linux/fs.h>
+
+typedef fmode_t compat_mode;   /* how a block device is opened; read is 1, write is 2 */
+typedef fmode_t compat_opened; /* what closing one needs to know */
+
+/* Claimed for the holder, or not claimed when that is null: 0 or a negative errno (-EBUSY: somebody
+ * else has claimed it). */
+static inline int compat_bdev_open(dev_t dev, uint32_t mode, void *holder,
+                                   struct block_device **bdev, compat_opened *how) {
+    *how = (compat_mode)mode | (holder ? FMODE_EXCL : 0);
+    *bdev = blkdev_get_by_dev(dev, *how, holder);
+    return PTR_ERR_OR_ZERO(*bdev);
+}
+
+static inline void compat_bdev_close(struct block_device *bdev, compat_opened how) {
+    blkdev_put(bdev, how);
+}
+
+static inline bool compat_bdev_mounted(struct block_device *bdev) {
+    return READ_ONCE(bdev->bd_super) != NULL;
+}
+
+static inline int compat_bdev_freeze(struct block_device *bdev) {
+    return freeze_bdev(bdev);
+}
+
+static inline int compat_bdev_thaw(struct block_device *bdev) {
+    return thaw_bdev(bdev);
+}
+
+#endif

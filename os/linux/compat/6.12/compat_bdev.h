@@ -1,0 +1,46 @@
+// os/linux/compat/6.12/compat_bdev.h: opening, closing and freezing block devices, in kernel 6.12
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_COMPAT_BDEV_H
+#define TRAK_COMPAT_BDEV_H
+
+#include <linux/blkdev.h>
+#include <linux/file.h>
+#include <linux/fs.h>
+
+typedef blk_mode_t compat_mode;     /* how a block device is opened; read is 1, write is 2 */
+typedef struct file *compat_opened; /* what closing one needs to know */
+
+/* Claimed for the holder, or not claimed when that is null: 0 or a negative errno (-EBUSY: somebody
+ * else has claimed it). */
+static inline int compat_bdev_open(dev_t dev, uint32_t mode, void *holder,
+                                   struct block_device **bdev, compat_opened *how) {
+    *how = bdev_file_open_by_dev(dev, (__force compat_mode)mode, holder, NULL);
+    if (IS_ERR(*how))
+        return PTR_ERR(*how);
+    *bdev = file_bdev(*how);
+    return 0;
+}
+
+/* Closed when this returns, as the driver's openers are counted. */
+static inline void compat_bdev_close(struct block_device *bdev, compat_opened how) {
+    __fput_sync(how);
+}
+
+static inline bool compat_bdev_mounted(struct block_device *bdev) {
+    bool mounted;
+
+    mutex_lock(&bdev->bd_holder_lock);
+    mounted = bdev->bd_holder_ops == &fs_holder_ops;
+    mutex_unlock(&bdev->bd_holder_lock);
+    return mounted;
+}
+
+static inline int compat_bdev_freeze(struct block_device *bdev) {
+    return bdev_freeze(bdev);
+}
+
+static inline int compat_bdev_thaw(struct block_device *bdev) {
+    return bdev_thaw(bdev);
+}
+
+#endif
