@@ -3,8 +3,19 @@
 TRAK_GLUE := \
 	bdev.c \
 	bio.c \
+	chardev.c \
 	disk.c \
+	file.c \
 	freeze.c \
 	lock.c \
+	log.c \
+	memory.c \
 	module.c \
-	queue.c
+	path.c \
+	proc.c \
+	queue.c \
+	random.c \
+	task.c \
+	time.c \
+	uaccess.c \
+	wait.c

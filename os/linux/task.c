@@ -1,0 +1,75 @@
+// os/linux/task.c: tasks, threads, the processor
+// SPDX-License-Identifier: GPL-2.0-only
+#include "os/task.h"
+
+#include <linux/err.h>
+#include <linux/kthread.h>
+#include <linux/pid.h>
+#include <linux/preempt.h>
+#include <linux/sched.h>
+#include <linux/sched/mm.h>
+#include <linux/sched/task.h>
+#include <linux/string.h>
+
+#include "os/linux/embedded.h"
+
+OS_LINUX_EMBEDS(os_completion, struct completion)
+
+static_assert((int)OS_TASK_COMM_LEN == (int)TASK_COMM_LEN, "names of tasks");
+
+struct os_task *os_current(void) {
+    return (struct os_task *)current;
+}
+
+int os_current_pid(void) {
+    return task_pid_nr(current);
+}
+
+void os_current_comm(char name[OS_TASK_COMM_LEN]) {
+    strscpy(name, current->comm, OS_TASK_COMM_LEN);
+}
+
+bool os_in_interrupt(void) {
+    return in_interrupt();
+}
+
+void os_schedule(void) {
+    schedule();
+}
+
+void os_yield(void) {
+    yield();
+}
+
+void os_cond_resched(void) {
+    cond_resched();
+}
+
+// What a thread shares with its maker (clone_flags) is settled by the kernel for its own threads.
+int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags) {
+    struct task_struct *task = kthread_create(fn, arg, "trak");
+    int pid;
+
+    if (IS_ERR(task))
+        return PTR_ERR(task);
+    pid = task_pid_nr(task); /* it may be gone once it runs */
+    wake_up_process(task);
+    return pid;
+}
+
+// A thread made by kthread_create has no user context and takes no signals. The module's threads are on
+// the way of writes: their own allocations and file writes must not wait until such a write is done.
+void os_daemonize(const char *name) {
+    task_lock(current);
+    strscpy_pad(current->comm, name, sizeof(current->comm));
+    task_unlock(current);
+    current->flags |= PF_LOCAL_THROTTLE;
+    memalloc_noio_save(); /* to the end of the thread */
+}
+
+// There is always a completion. Asking for it leaves the function a way back, as its callers on other
+// platforms need: the kernel's check of objects wants no code behind a call that can't return.
+void os_complete_and_exit(struct os_completion *completion, long code) {
+    if (completion)
+        kthread_complete_and_exit(real_os_completion(completion), code);
+}
