@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 
 #include "driver/fsreaders/reiserfs_reader.h"
 #include "tests/images/image_check.h"
@@ -98,6 +99,19 @@ TEST_F(ReiserfsImages, a_journal_to_replay_is_refused) {
     copy_over(image, block * 4096 + 4096 - 12, {'R', 'e', 'I', 's', 'E', 'r', 'L', 'B'});
     expect_refused(image, kReiser);
     EXPECT_EQ(logged("must be replayed first"), 1u);
+}
+
+// ./run vm names an image that a kernel has aged.
+TEST(Inner, an_aged_reiserfs_is_what_its_tool_says) {
+    const char *image = std::getenv("TRAK_IMAGE");
+    ASSERT_NE(image, nullptr);
+    const Reference reference = debugreiserfs(image);
+    std::size_t runs = 0;
+    for (std::size_t b = 1; b < reference.used.size(); ++b)
+        runs += reference.used[b] != reference.used[b - 1];
+    EXPECT_GE(runs, 200u) << "the image is hardly aged";
+    compare(image, kReiser, reference);
+    EXPECT_EQ(self_test(image), 0);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 
@@ -104,6 +105,23 @@ TEST_F(XfsImages, a_tree_that_disagrees_with_its_group_ends_the_read) {
     copy_over(image, 512 + 52 + 3, free_blocks);
     EXPECT_LT(self_test(image), 0);
     EXPECT_GE(logged("another number of free blocks"), 1u);
+}
+
+// ./run vm names an image that a kernel has aged: it has trees of height 2 and more.
+TEST(Inner, an_aged_xfs_is_what_its_tool_says) {
+    const char *name = std::getenv("TRAK_IMAGE");
+    ASSERT_NE(name, nullptr);
+    const std::string image = name;
+    const std::uint64_t groups =
+        field(run("xfs_db -r -c 'sb 0' -c 'p agcount' " + image), "agcount");
+    std::uint64_t height = 0;
+    for (std::uint64_t ag = 0; ag < groups; ++ag)
+        height = std::max(height, field(run("xfs_db -r -c 'agf " + std::to_string(ag) +
+                                            "' -c 'p bnolevel' " + image),
+                                        "bnolevel"));
+    EXPECT_GE(height, 2u);
+    compare(image, kXfs, xfs_db(image));
+    EXPECT_EQ(self_test(image), 0);
 }
 
 }  // namespace

@@ -1,0 +1,43 @@
+#!/bin/sh
+# tests/vm/guest/init.sh: the first process of a guest: runs the suites of the command line, then ends
+# SPDX-License-Identifier: GPL-2.0-only
+# The kernel hands `suite=a,b` of its command line over as a variable.
+/bin/busybox mkdir -p /bin
+/bin/busybox --install -s /bin
+export PATH=/bin HOME=/root
+mount -t proc proc /proc
+mount -t sysfs sys /sys
+mount -t devtmpfs dev /dev
+mkdir -p /dev/shm
+mount -t tmpfs -o size=70% tmp /tmp
+exec </dev/null >/dev/console 2>&1
+# shellcheck source=tests/vm/guest/lib.sh
+. /lib.sh
+echo 8 >/proc/sys/kernel/printk
+echo 300 >/proc/sys/kernel/hung_task_timeout_secs
+while read -r module; do
+  insmod "/lib/modules/$module.ko" || echo "not ok boot.modules_load: $module" >&3
+done </etc/modules
+mdev -s 2>/dev/null
+
+if [ "${suite:-}" = shell ]; then
+  setsid cttyhack sh
+else
+  for one in $(echo "${suite:-}" | tr , ' '); do
+    echo "--- suite $one"
+    # shellcheck disable=SC1090  # made by the host
+    . "/suites/$one.sh"
+  done
+  # The kernel keeps its own account of warnings, oopses, bad pages, lockups: 12 and 13 are modules
+  # that are not its own, 16 is a distribution's auxiliary bit.
+  tainted=$(cat /proc/sys/kernel/tainted)
+  if [ $((tainted & ~(1 << 12 | 1 << 13 | 1 << 16))) = 0 ]; then
+    echo "ok ${suite:-none}.kernel_is_not_tainted" >&3
+  else
+    echo "not ok ${suite:-none}.kernel_is_not_tainted: $tainted" >&3
+  fi
+  echo end >&3
+fi
+sync
+umount -a -r 2>/dev/null
+poweroff -f

@@ -1,0 +1,53 @@
+// tests/vm/tool/main.cpp: which command of vm_tool is meant
+// SPDX-License-Identifier: GPL-2.0-only
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "tests/vm/tool/vm_tool.h"
+
+namespace vm_tool {
+namespace {
+
+struct Command {
+    const char *name;
+    std::size_t words;
+    int (*run)(const Words &);
+    const char *usage;
+};
+
+constexpr Command kCommands[] = {
+    {"age", 4, age, "age FOLDER SEED FILES BYTES: fills a file system with holes"},
+};
+
+}  // namespace
+
+void die(const std::string &what) {
+    std::printf("vm_tool: %s: %s\n", what.c_str(), std::strerror(errno));
+    std::exit(1);
+}
+
+std::uint64_t number(const std::string &text) {
+    char *end = nullptr;
+    errno = 0;
+    const std::uint64_t value = std::strtoull(text.c_str(), &end, 0);
+    if (errno == 0 && (end == text.c_str() || *end != 0))
+        errno = EINVAL;
+    if (errno != 0)
+        die(text);
+    return value;
+}
+
+}  // namespace vm_tool
+
+int main(int argc, char **argv) {
+    using namespace vm_tool;
+    const Words words(argv + (argc > 1 ? 2 : 1), argv + argc);
+    for (const Command &command : kCommands)
+        if (argc > 1 && std::strcmp(argv[1], command.name) == 0 && words.size() == command.words)
+            return command.run(words);
+    for (const Command &command : kCommands)
+        std::printf("vm_tool %s\n", command.usage);
+    return 2;
+}

@@ -1,0 +1,172 @@
+#!/usr/bin/env python3
+# tests/vm/vm.py: runs suites in virtual machines and says how they went
+# SPDX-License-Identifier: GPL-2.0-only
+"""See CONTRIBUTING.md, "Tests in a virtual machine"."""
+import argparse
+import os
+import shutil
+import signal
+import sys
+import tempfile
+import time
+
+import vm_kernels
+from vm_initramfs import Initramfs
+from vm_machine import QEMU, Machine, Timeout, faults_in
+from vm_report import CannotRun, Report, in_ci, note, warn
+from vm_suites import BIN, HERE, SUITES
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="./run vm", description=(
+        "Boots Debian's kernels under QEMU, without KVM, and runs suites in them."))
+    parser.add_argument("--kernel", choices=[*vm_kernels.SERIES, "all"], default="all")
+    parser.add_argument("--suite", action="append", metavar="NAME", help=(
+        f"one of {', '.join(SUITES)}; or all: the long set. Without it the short set, which "
+        "./run test runs too"))
+    parser.add_argument("--long", action="store_true", help="the long form of the named suites")
+    parser.add_argument("--keep", action="store_true", help="keep disks and logs, and say where")
+    parser.add_argument("--shell", action="store_true", help=(
+        "a shell in the guest, with the disks of --suite; Ctrl-A X ends it"))
+    parser.add_argument("--update", action="store_true", help="look for newer kernels")
+    parser.add_argument("--junit", metavar="FOLDER", help="where vm-KERNEL.xml is written")
+    parser.add_argument("--budget", type=float, default=float("inf"), metavar="SECONDS",
+                        help="the limit for everything together")
+    options = parser.parse_args()
+    names = options.suite or ["short"]
+    for name in names:
+        if name not in (*SUITES, "all", "short"):
+            parser.error(f"there is no suite {name}")
+    options.long = options.long or "all" in names
+    if "all" in names:
+        names = list(SUITES)
+    elif "short" in names:
+        names = [name for name, suite in SUITES.items() if suite.short]
+    options.suite = names
+    return options
+
+
+class Deadline:
+    """What is left of the budget, and of TRAK_DEADLINE."""
+
+    def __init__(self, budget):
+        given = os.environ.get("TRAK_DEADLINE")
+        left = float(given) - time.time() - 30 if given else float("inf")
+        self.end = time.monotonic() + min(budget, left)
+
+    def within(self, limit):
+        return max(min(limit, self.end - time.monotonic()), 1)
+
+
+def initramfs_of(suite, kernel):
+    initramfs = Initramfs()
+    initramfs.file("bin/busybox", "/bin/busybox", 0o100755)
+    initramfs.link("bin/sh", "busybox")
+    initramfs.file("init", f"{HERE}/guest/init.sh", 0o100755)
+    initramfs.file("lib.sh", f"{HERE}/guest/lib.sh")
+    for name in os.listdir(f"{HERE}/guest"):
+        initramfs.file(f"suites/{name}", f"{HERE}/guest/{name}")
+    initramfs.program(f"{BIN}/vm_tool")
+    for name in suite.tools:
+        initramfs.program(name)
+    initramfs.kernel_modules(kernel, suite.modules)
+    suite.files(initramfs)
+    return initramfs
+
+
+def boot(machine, suite, report, limit):
+    """One boot: the guest's lines go to the report; true when it ended in order."""
+    ended = False
+    machine.start()
+    try:
+        for line in machine.lines(limit):
+            if line.strip() == "end":
+                ended = True
+            elif not report.line(line):
+                print(f"   {line}", flush=True)
+    except Timeout as what:
+        report.fail(f"{suite.name}.ends_in_time", str(what))
+        print(tail(machine.console()))
+        return False
+    finally:
+        machine.kill()
+    if not ended:
+        report.fail(f"{suite.name}.guest_runs_to_its_end", "the guest ended before its suite did")
+        print(tail(machine.console()))
+    faults = faults_in(machine.console(), suite.allowed)
+    if faults:
+        report.fail(f"{suite.name}.kernel_log_is_clean", "see below")
+        print(faults)
+    else:
+        report.ok(f"{suite.name}.kernel_log_is_clean")
+    return ended
+
+
+def tail(text):
+    return "\n".join(text.splitlines()[-60:])
+
+
+def run_suite(name, kernel, report, options, deadline):
+    folder = tempfile.mkdtemp(prefix="trak-vm.", dir=os.environ.get("TMPDIR") or "/var/tmp")
+    start = time.monotonic()
+    bad = report.count("not ok")
+    try:
+        suite = SUITES[name](folder, options.long)
+        disks = suite.disks()
+        initramfs_of(suite, kernel).write(f"{folder}/initramfs")
+        machine = Machine(kernel, f"{folder}/initramfs", disks, folder, memory_mib=suite.memory_mib,
+                          words=f"suite={'shell' if options.shell else name}")
+        if options.shell:
+            machine.shell()
+        elif boot(machine, suite, report, deadline.within(suite.limit)):
+            suite.check(report)
+        if report.count("not ok") > bad and not options.shell:
+            print(f"--- the end of the guest's console\n{tail(machine.console())}")
+    except CannotRun as why:
+        report.skip(f"{name}.runs", str(why))
+    except (AssertionError, OSError) as why:
+        report.fail(f"{name}.runs", f"{type(why).__name__}: {why}".replace("\n", "; "))
+    finally:
+        if options.keep:
+            note(f"kept: {folder}")
+        else:
+            shutil.rmtree(folder, ignore_errors=True)
+    note(f"{kernel.release} {name}: {time.monotonic() - start:.0f} s")
+
+
+def run_kernel(series, options, deadline):
+    report = Report(f"vm-{series}")
+    try:
+        if not shutil.which(QEMU):
+            raise CannotRun(f"there is no {QEMU}")
+        kernel = vm_kernels.get(series, options.update)
+    except CannotRun as why:
+        report.skip(f"kernel-{series}.is_had", str(why))
+    else:
+        note(f"kernel {kernel.release}")
+        for name in options.suite:
+            run_suite(name, kernel, report, options, deadline)
+    if options.junit:
+        report.write(f"{options.junit}/test-vm-{series}.xml")
+    note(report.summary())
+    return report.count("not ok") == 0 and (report.count("ok") > 0 or not in_ci())
+
+
+def main():
+    options = arguments()
+    deadline = Deadline(options.budget)
+
+    def stop(signum, _frame):
+        raise SystemExit(128 + signum)
+
+    for signum in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(signum, stop)
+    all_series = vm_kernels.SERIES if options.kernel == "all" else [options.kernel]
+    good = [run_kernel(series, options, deadline) for series in all_series]
+    if not all(good):
+        warn("not every test passed")
+    return 0 if all(good) else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

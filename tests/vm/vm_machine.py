@@ -1,0 +1,114 @@
+# tests/vm/vm_machine.py: one virtual machine, from its start to its end
+# SPDX-License-Identifier: GPL-2.0-only
+"""QEMU without hardware help (-accel tcg), two processors, no network, no screen. The guest's first
+serial port is its console and goes to a file; the second carries the lines of vm_report.py.
+
+Whatever happens the process is ended by its own number, and it ends with its parent: a run that is
+killed leaves no machine behind.
+"""
+import ctypes
+import os
+import re
+import select
+import signal
+import subprocess
+import time
+
+QEMU = "qemu-system-x86_64"
+PR_SET_PDEATHSIG = 1
+# Stalls are measured on the guest's clock, which a loaded host makes run in leaps: those limits are
+# far apart from what a loaded host does. Hung tasks are what we look for, and 300 s are enough.
+COMMAND_LINE = ("console=ttyS0 panic=-1 loglevel=5 nokaslr no_timer_check tsc=nowatchdog "
+                "rcupdate.rcu_cpu_stall_timeout=300 watchdog_thresh=60 "
+                "printk.devkmsg=on slub_debug=FZ,trak* ")
+BAD = re.compile(r"(\bWARNING: |\bBUG: |kernel BUG at|\bOops\b|general protection fault|"
+                 r"Kernel panic|blocked for more than|self-detected stall|detected stalls|"
+                 r"soft lockup|possible recursive locking|possible circular locking|"
+                 r"unable to handle|bad page state|Bad rss-counter|refcount_t: |list_(?:add|del) "
+                 r"corruption|scheduling while atomic|sleeping function called|Objects remaining|"
+                 r"double free|use-after-free|UBSAN: |KASAN: |Redzone|Poison overwritten|"
+                 r"Unpatched return thunk|Missing ENDBR|Call Trace:)")
+
+
+class Timeout(Exception):
+    """The guest did not end in time."""
+
+
+def die_with_parent():
+    ctypes.CDLL(None).prctl(PR_SET_PDEATHSIG, signal.SIGKILL, 0, 0, 0)
+
+
+class Machine:
+    """One boot."""
+
+    def __init__(self, kernel, initramfs, disks, folder, words="", memory_mib=1024,
+                 mitigations="off"):
+        self.console_path = f"{folder}/console.log"
+        command = [QEMU, "-accel", "tcg,thread=multi", "-machine", "pc", "-cpu", "max,la57=off",
+                   "-smp", "2", "-m", f"{memory_mib}M", "-nodefaults", "-display", "none",
+                   "-no-reboot", "-kernel", kernel.image, "-initrd", initramfs, "-append",
+                   f"{COMMAND_LINE} mitigations={mitigations} {words}"]
+        for number, disk in enumerate(disks):
+            command += ["-drive", f"file={disk},if=none,id=d{number},format=raw,cache=writeback,"
+                        "discard=unmap,detect-zeroes=off",
+                        "-device", f"virtio-blk-pci,drive=d{number},serial=disk{number}"]
+        self.command = command
+        self.process = None
+        self.pending = b""
+
+    def start(self):
+        command = [*self.command, "-monitor", "none", "-serial", f"file:{self.console_path}",
+                   "-serial", "stdio"]
+        self.process = subprocess.Popen(  # pylint: disable=consider-using-with
+            command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            preexec_fn=die_with_parent)  # noqa: no thread is running here
+
+    def shell(self):
+        """With the console on this terminal, until the guest ends."""
+        return subprocess.call([*self.command, "-serial", "mon:stdio"])
+
+    def lines(self, limit):
+        """The lines of the second serial port, until the machine ends or for `limit` seconds."""
+        deadline = time.monotonic() + limit
+        stream = self.process.stdout.fileno()
+        while True:
+            left = deadline - time.monotonic()
+            if left <= 0:
+                raise Timeout(f"the guest has not ended within {limit:.0f} s")
+            if not select.select([stream], [], [], min(left, 5))[0]:
+                continue
+            got = os.read(stream, 65536)
+            if not got:
+                return
+            self.pending += got
+            *whole, self.pending = self.pending.split(b"\n")
+            for line in whole:
+                yield line.decode(errors="replace").rstrip("\r")
+
+    def kill(self):
+        """The power goes."""
+        if self.process is not None and self.process.poll() is None:
+            self.process.kill()
+        self.wait()
+
+    def wait(self):
+        if self.process is not None:
+            self.process.stdout.close()
+            self.process.wait(60)
+
+    def console(self):
+        try:
+            with open(self.console_path, encoding="utf-8", errors="replace") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
+
+
+def faults_in(console, allowed=None):
+    """What the kernel's log holds that it must not: an excerpt, or nothing. allowed: a regular
+    expression for lines that a suite provokes."""
+    lines = console.splitlines()
+    for number, line in enumerate(lines):
+        if BAD.search(line) and not (allowed and re.search(allowed, line)):
+            return "\n".join(lines[max(0, number - 5):number + 40])
+    return ""

@@ -1,0 +1,123 @@
+# tests/vm/vm_suites.py: the suites: what each needs, how its disks are made, what the host checks after
+# SPDX-License-Identifier: GPL-2.0-only
+"""A suite is a class with the same name in lower case as guest/NAME.sh. The machine of one suite is
+one boot (or several, see Suite.run)."""
+import os
+import subprocess
+
+from vm_report import CannotRun
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+BIN = os.environ.get("TRAK_BIN_DIR") or os.path.join(HERE, "..", "..", "build", "bin")
+MIB = 1 << 20
+
+
+def make_disk(path, size):
+    with open(path, "wb") as file:
+        file.truncate(size)
+    return path
+
+
+def tool(*words, limit=300):
+    """Runs a program of the host; CannotRun where there is none, AssertionError where it fails."""
+    environment = {**os.environ, "PATH": f"/usr/sbin:/sbin:{os.environ.get('PATH', '/usr/bin:/bin')}"}
+    try:
+        done = subprocess.run(words, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True,
+                              stderr=subprocess.STDOUT, timeout=limit, check=False,
+                              env=environment)
+    except OSError as error:
+        raise CannotRun(f"{words[0]}: {error.strerror}") from None
+    assert done.returncode == 0, f"{' '.join(words)}: {done.stdout[-2000:]}"
+    return done.stdout
+
+
+class Suite:
+    """What is common to all."""
+
+    name = ""
+    about = ""
+    needs_trak = True     # the kernel module
+    short = True          # part of ./run test
+    modules = ("virtio_pci", "virtio_blk")  # of the kernel, with what they depend on
+    tools = ()            # programs put into the guest
+    memory_mib = 1024
+    limit = 900           # seconds for one boot, on a machine ten times slower than yours
+    allowed = None        # lines of the kernel's log that are no fault here
+
+    def __init__(self, folder, long):
+        self.folder, self.long = folder, long
+
+    def disks(self):
+        """Paths of the files that are the guest's disks."""
+        return []
+
+    def files(self, initramfs):
+        """Puts what else the guest needs."""
+
+    def check(self, report):
+        """What the host looks at after a boot that ended in order."""
+
+
+class Aged(Suite):
+    """File systems aged through the kernel's own mounts; the disks stay on the host, where the
+    readers' maps are compared with what xfs_db and debugreiserfs say of them."""
+
+    name = "aged"
+    about = "XFS without checksums and ReiserFS, aged by the kernel, against the readers"
+    needs_trak = False
+    modules = ("crc32c_generic", *Suite.modules, "xfs", "reiserfs")
+    # name, kind, MiB, options of mkfs, files, bytes of each about, options of mount
+    SHORT = (
+        ("xfs-512", "xfs", 64, "-d agcount=2 -b size=512", 600, 1000, ""),
+        ("xfs-1024", "xfs", 96, "-d agcount=4 -b size=1024", 700, 2500, ""),
+        ("xfs-4096", "xfs", 160, "-d agcount=1", 1900, 4500, ""),
+        ("reiserfs", "reiserfs", 96, "", 700, 4500, "notail"),
+        ("reiserfs-wide", "reiserfs", 420, "", 700, 3000, ""),
+    )
+    LONG = (
+        ("xfs-2048", "xfs", 200, "-d agcount=3 -b size=2048", 12000, 4000, ""),
+        ("xfs-many", "xfs", 601, "-d agcount=32", 50000, 6000, ""),
+        ("xfs-deep", "xfs", 160, "-d agcount=1 -b size=512", 40000, 1200, ""),
+        ("reiserfs-1024", "reiserfs", 120, "-b 1024", 12000, 2000, ""),
+        ("reiserfs-full", "reiserfs", 300, "", 60000, 5000, ""),
+    )
+
+    def table(self):
+        return self.SHORT + (self.LONG if self.long else ())
+
+    def path(self, name):
+        return f"{self.folder}/{name}.img"
+
+    def disks(self):
+        made = []
+        for name, kind, size, options, *_ in self.table():
+            made.append(make_disk(self.path(name), size * MIB))
+            if kind == "xfs":
+                tool("mkfs.xfs", "--unsupported", "-q", "-f", "-m", "crc=0,finobt=0",
+                     *options.split(), made[-1])
+            else:
+                tool("mkreiserfs", "-q", "-f", *options.split(), made[-1])
+        return made
+
+    def files(self, initramfs):
+        initramfs.put("etc/aged", "".join(
+            f"{number} {kind} {name} {files} {size} {options}\n"
+            for number, (name, kind, _, _, files, size, options) in enumerate(self.table())
+        ).encode())
+
+    def check(self, report):
+        for name, kind, *_ in self.table():
+            done = subprocess.run(
+                [f"{BIN}/images", f"--gtest_filter=Inner.an_aged_{kind}_is_what_its_tool_says"],
+                env={**os.environ, "TRAK_IMAGE": self.path(name)}, stdin=subprocess.DEVNULL,
+                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=600,
+                check=False)
+            test = f"aged.{name}.map_is_what_the_tools_say"
+            if done.returncode == 0 and "[  PASSED  ] 1 test" in done.stdout:
+                report.ok(test)
+            else:
+                print(done.stdout[-4000:])
+                report.fail(test, "the readers and the tools disagree; see above")
+
+
+SUITES = {suite.name: suite for suite in (Aged,)}
