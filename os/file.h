@@ -7,6 +7,7 @@
 
 #include "os/base.h"
 #include "os/bdev.h"
+#include "os/memory.h"
 
 OS_BEGIN
 
@@ -37,6 +38,11 @@ int os_filp_close(struct os_file *file);
  * bytes moved, which may be fewer than asked (0 at end of file), or a negative errno. */
 long os_vfs_read(struct os_file *file, void *buf, size_t count, int64_t *pos) OS_MUST_CHECK;
 long os_vfs_write(struct os_file *file, const void *buf, size_t count, int64_t *pos) OS_MUST_CHECK;
+/* Writes `count` whole pages (at least 1), one behind the other, at *pos, which advances by the
+ * result: the number of bytes written, which may be fewer than asked and end inside a page, or a
+ * negative errno where none was. A platform may take fewer pages than it is given. */
+long os_vfs_write_pages(struct os_file *file, struct os_page *const *pages, uint32_t count,
+                        int64_t *pos) OS_MUST_CHECK;
 /* Everything written to the file is durable when it returns 0; 0 where there is no such operation. */
 int os_vfs_fsync(struct os_file *file) OS_MUST_CHECK;
 int64_t os_file_size(struct os_file *file); /* bytes, of the file's inode */

@@ -3,7 +3,8 @@
 //
 // For each group, in this order:
 //   1. the old contents are read from the disk, all pages in flight together;
-//   2. they are written to the data file at the chunk's own offset, and the file is synced;
+//   2. they are written to the data file at the chunk's own offset, pages that adjoin in one go, and
+//      the file is synced;
 //   3. the chunks' bits are set, in memory and in the bitmap file, and that file is synced.
 // So data is durable before the bit that declares it valid. From the first bit to the end of step 3
 // `marking` is set: a write that would go by such a bit waits behind the group (routing.cpp), for a
@@ -23,6 +24,7 @@
 namespace {
 
 constexpr int kCutAttempts = 3;
+constexpr std::uint32_t kPageSectors = OS_PAGE_SIZE >> OS_SECTOR_SHIFT;
 
 // One page of the group: which chunk, and where on the disk.
 struct page_place {
@@ -34,7 +36,8 @@ page_place place_of(const cow_work *work, const trak_snap *snap, std::uint64_t i
     const int pages_shift = snap->chunk_shift - kPageShift;
     const std::uint64_t chunk = work->chunks[index >> pages_shift];
     const std::uint64_t page = index & ((std::uint64_t{1} << pages_shift) - 1);
-    const std::uint64_t sector = (chunk << (snap->chunk_shift - OS_SECTOR_SHIFT)) + page * 8;
+    const std::uint64_t sector =
+        (chunk << (snap->chunk_shift - OS_SECTOR_SHIFT)) + page * kPageSectors;
     const std::uint64_t sectors = work->filter->filter.dev_size >> OS_SECTOR_SHIFT;
     if (sector >= sectors)
         return {sector, 0};
@@ -121,14 +124,35 @@ int read_pages(cow_work *work, trak_device *snap, std::uint64_t first, std::uint
     return 0;
 }
 
-// 0 or -EIO, with the snap invalidated.
-int write_cowed_page(cow_work *work, trak_device *snap, std::uint32_t slot, std::uint64_t sector) {
-    const auto offset = static_cast<std::int64_t>(sector << OS_SECTOR_SHIFT);
-    if (trak_fwrite(snap->snap.cow_data_file, offset, os_page_address(work->pages[slot]),
-                    OS_PAGE_SIZE) == OS_PAGE_SIZE)
-        return 0;
-    invalidate(__func__, work, snap);
-    return -EIO;
+// How many pages from `slot` on, below `end`, lie one behind the other on the disk. Slot 0 holds page
+// `first` of the group.
+std::uint32_t run_length(const cow_work *work, const trak_snap *snap, std::uint64_t first,
+                         std::uint32_t slot, std::uint32_t end) {
+    const std::uint64_t sector = place_of(work, snap, first + slot).sector;
+    std::uint32_t length = 1;
+    while (slot + length < end && place_of(work, snap, first + slot + length).sector ==
+                                      sector + std::uint64_t{length} * kPageSectors)
+        ++length;
+    return length;
+}
+
+// Writes pages [first, first + count) of the group, which were read, into the data file, those that
+// adjoin at once: 0 or -EIO, with the snap invalidated.
+int write_cowed_pages(cow_work *work, trak_device *snap, std::uint64_t first, std::uint32_t count) {
+    const trak_snap *part = &snap->snap;
+    for (std::uint32_t slot = 0; slot < count;) {
+        if (!trak_snap_is_valid(snap))
+            return -EIO;
+        const std::uint32_t length = run_length(work, part, first, slot, count);
+        const std::uint64_t sector = place_of(work, part, first + slot).sector;
+        const auto offset = static_cast<std::int64_t>(sector << OS_SECTOR_SHIFT);
+        if (trak_fwrite_pages(part->cow_data_file, offset, work->pages + slot, length) != 0) {
+            invalidate("write_cowed_page", work, snap);
+            return -EIO;
+        }
+        slot += length;
+    }
+    return 0;
 }
 
 // Copies the pages of every chunk into the data file, a batch of pages at a time, and syncs it. False
@@ -149,11 +173,8 @@ bool copy_data(cow_work *work, trak_device *snap) {
             invalidate("cow_chunks", work, snap);
             return false;
         }
-        for (std::uint32_t i = 0; i < count; ++i) {
-            const page_place place = place_of(work, part, first + i);
-            if (!trak_snap_is_valid(snap) || write_cowed_page(work, snap, i, place.sector) != 0)
-                return false;
-        }
+        if (write_cowed_pages(work, snap, first, count) != 0)
+            return false;
         first += count;
     }
     if (!trak_snap_is_valid(snap))

@@ -99,6 +99,42 @@ int trak_fwrite(trak_file *file, std::int64_t offset, const void *buf, int count
     return total;
 }
 
+int trak_fwrite_pages(trak_file *file, std::int64_t offset, os_page *const *pages,
+                      std::uint32_t count) {
+    constexpr const char *me = "trak_fwrite";
+    if (!is_open(file)) {
+        trak_log(TRAK_LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!", me);
+        return -EINVAL;
+    }
+    std::int64_t pos = offset;
+    while (count > 0) {
+        const auto rc = static_cast<int>(os_vfs_write_pages(file->filp, pages, count, &pos));
+        if (rc < 0) {
+            trak_log(TRAK_LOG_ERROR, "%s(): Failed to write %d bytes into %s: rc=%d", me,
+                     OS_PAGE_SIZE, file->fname, rc);
+            return rc;
+        }
+        if (rc == 0) {
+            trak_log(TRAK_LOG_ERROR, "%s(): Short write into %s: wrote %d instead of %d", me,
+                     file->fname, 0, OS_PAGE_SIZE);
+            return -EIO;
+        }
+        const int part = rc % OS_PAGE_SIZE;
+        pages += rc / OS_PAGE_SIZE;
+        count -= static_cast<std::uint32_t>(rc / OS_PAGE_SIZE);
+        if (part == 0)
+            continue;
+        const auto *from = static_cast<const char *>(os_page_address(*pages)) + part;
+        const int put = trak_fwrite(file, pos, from, OS_PAGE_SIZE - part);
+        if (put < 0)
+            return put;
+        pos += put;
+        ++pages;
+        --count;
+    }
+    return 0;
+}
+
 int trak_fread(trak_file *file, std::int64_t offset, void *buf, int count) {
     if (!is_open(file)) {
         trak_logf(TRAK_LOG_ERROR, "%s(): NULL or invalid file pointer passed as input!");

@@ -26,6 +26,10 @@ int trak_fclose(trak_file *file);
 [[nodiscard]] int trak_fread(trak_file *file, std::int64_t offset, void *buf, int count);
 // The full count, or a negative errno.
 [[nodiscard]] int trak_fwrite(trak_file *file, std::int64_t offset, const void *buf, int count);
+// trak_fwrite of so many whole pages, one behind the other: 0, or the negative errno (and the message)
+// that writing the first page that could not be written gave.
+[[nodiscard]] int trak_fwrite_pages(trak_file *file, std::int64_t offset, os_page *const *pages,
+                                    std::uint32_t count);
 [[nodiscard]] int trak_fsync(trak_file *file);
 // Cuts an existing file to length 0. Always 0.
 int trak_ftruncate(const char *path);

@@ -5,8 +5,10 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <new>
 
 #include "os/user/internal.h"
@@ -17,6 +19,8 @@ struct os_file {
 };
 
 namespace {
+
+constexpr uint32_t kPiecesAtOnce = 256;  // on the stack; at most IOV_MAX
 
 int host_flags(int flags) {
     static_assert(OS_O_RDWR == O_RDWR && OS_O_WRONLY == O_WRONLY && OS_O_RDONLY == O_RDONLY);
@@ -80,6 +84,22 @@ long os_vfs_write(os_file *file, const void *buf, size_t count, int64_t *pos) {
     ssize_t put;
     do
         put = pwrite(file->fd, buf, count, *pos);
+    while (put < 0 && errno == EINTR);
+    if (put < 0)
+        return -errno;
+    *pos += put;
+    return put;
+}
+
+long os_vfs_write_pages(os_file *file, os_page *const *pages, uint32_t count, int64_t *pos) {
+    user::might_sleep("os_vfs_write_pages");
+    iovec pieces[kPiecesAtOnce];
+    count = std::min(count, kPiecesAtOnce);
+    for (uint32_t i = 0; i < count; i++)
+        pieces[i] = {os_page_address(pages[i]), OS_PAGE_SIZE};
+    ssize_t put;
+    do
+        put = pwritev(file->fd, pieces, static_cast<int>(count), *pos);
     while (put < 0 && errno == EINTR);
     if (put < 0)
         return -errno;

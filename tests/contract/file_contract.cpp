@@ -133,6 +133,59 @@ TEST(file, write_beyond_the_end_leaves_zeroes_between) {
     });
 }
 
+TEST(file, pages_are_written_one_behind_the_other_and_the_position_moves) {
+    run([] {
+        static constexpr std::uint32_t kPages = 700;
+        static constexpr std::int64_t kAt = 1000;  // not where a page of the file begins
+        os_file *file = open_file(in_scratch("f"), OS_O_RDWR | OS_O_CREAT);
+        ASSERT_FALSE(os_is_err(file));
+        std::vector<os_page *> pages(kPages);
+        for (std::uint32_t i = 0; i < kPages; i++) {
+            pages[i] = os_alloc_page(OS_GFP_KERNEL);
+            ASSERT_NE(pages[i], nullptr);
+            std::memset(os_page_address(pages[i]), static_cast<int>(i % 251), OS_PAGE_SIZE);
+        }
+        std::int64_t pos = kAt;
+        std::uint32_t whole = 0;
+        while (whole < kPages) {
+            const std::int64_t before = pos;
+            const long n = os_vfs_write_pages(file, &pages[whole], kPages - whole, &pos);
+            ASSERT_GT(n, 0);
+            ASSERT_EQ(pos, before + n);
+            whole += static_cast<std::uint32_t>(n / OS_PAGE_SIZE);
+            pos -= n % OS_PAGE_SIZE;  // a page that was cut: once more
+        }
+        EXPECT_EQ(os_file_size(file), kAt + std::int64_t{kPages} * OS_PAGE_SIZE);
+        unsigned char got[OS_PAGE_SIZE];
+        for (std::uint32_t i = 0; i < kPages; i++) {
+            EXPECT_EQ(read_all(file, kAt + std::int64_t{i} * OS_PAGE_SIZE, got, sizeof got),
+                      OS_PAGE_SIZE);
+            ASSERT_EQ(std::memcmp(got, os_page_address(pages[i]), sizeof got), 0) << i;
+            os_free_page(pages[i]);
+        }
+        EXPECT_EQ(read_all(file, 0, got, kAt), kAt);
+        EXPECT_EQ(got[0], 0);
+        EXPECT_EQ(os_filp_close(file), 0);
+    });
+}
+
+TEST(file, pages_are_refused_by_a_file_open_for_reading) {
+    run([] {
+        make_file(in_scratch("f"), "text");
+        os_file *file = open_file(in_scratch("f"), OS_O_RDONLY);
+        ASSERT_FALSE(os_is_err(file));
+        os_page *page = os_alloc_page(OS_GFP_KERNEL);
+        ASSERT_NE(page, nullptr);
+        std::memset(os_page_address(page), 0, OS_PAGE_SIZE);
+        std::int64_t pos = 0;
+        EXPECT_LT(os_vfs_write_pages(file, &page, 1, &pos), 0);
+        EXPECT_EQ(pos, 0);
+        os_free_page(page);
+        EXPECT_EQ(os_filp_close(file), 0);
+        EXPECT_EQ(text_of(in_scratch("f")), "text");
+    });
+}
+
 TEST(file, write_inside_changes_those_bytes_alone) {
     run([] {
         make_file(in_scratch("f"), "0123456789");

@@ -30,6 +30,30 @@ void with_file(std::size_t size, const std::function<void(sim::Storage &, trak_f
     });
 }
 
+// Pages of the simulated machine, each filled with bytes of its own.
+class Pages {
+  public:
+    explicit Pages(std::uint32_t count) {
+        for (std::uint32_t i = 0; i < count; ++i) {
+            pages_.push_back(os_alloc_page(OS_GFP_KERNEL));
+            std::memset(os_page_address(pages_.back()), static_cast<int>(i + 1), OS_PAGE_SIZE);
+            bytes_.insert(bytes_.end(), OS_PAGE_SIZE, static_cast<std::uint8_t>(i + 1));
+        }
+    }
+    ~Pages() {
+        for (os_page *page : pages_)
+            os_free_page(page);
+    }
+    Pages(const Pages &) = delete;
+    Pages &operator=(const Pages &) = delete;
+    os_page *const *get() const { return pages_.data(); }
+    const sim::Bytes &bytes() const { return bytes_; }
+
+  private:
+    std::vector<os_page *> pages_;
+    sim::Bytes bytes_;
+};
+
 TEST(file, open_keeps_a_copy_of_the_path) {
     sim::Storage storage;
     storage.mkdir("/data");
@@ -199,6 +223,60 @@ TEST(file, transfers_in_pieces_move_every_byte_to_its_place) {
                 EXPECT_EQ(trak_fclose(file), 0);
             },
             options);
+    });
+}
+
+TEST(file, pages_in_pieces_all_get_to_their_place) {
+    sim::for_each_seed(50, [](std::uint64_t seed) {
+        sim::Storage storage;
+        sim::Options options;
+        options.seed = seed;
+        options.short_transfers = true;
+        storage.write_file("/file", pattern(100));
+        sim_run::boot(
+            storage,
+            [&] {
+                trak_file *file = trak_fopen("/file", OS_O_RDWR, 0600);
+                ASSERT_NE(file, nullptr);
+                const Pages pages(5);
+                EXPECT_EQ(trak_fwrite_pages(file, 100, pages.get(), 5), 0);
+                EXPECT_EQ(trak_fwrite_pages(file, 0, pages.get(), 0), 0);
+                sim::Bytes expected = pattern(100);
+                expected.insert(expected.end(), pages.bytes().begin(), pages.bytes().end());
+                EXPECT_EQ(storage.read_file("/file"), expected);
+                EXPECT_NOTHING_LOGGED();
+                EXPECT_EQ(trak_fclose(file), 0);
+            },
+            options);
+    });
+}
+
+TEST(file, pages_that_can_not_be_written_are_told_of_as_one_page) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const Pages pages(3);
+        storage.fail_path(path, sim::Fault::kWrite, -28);
+        EXPECT_EQ(trak_fwrite_pages(file, 0, pages.get(), 3), -ENOSPC);
+        EXPECT_LOGGED_ERROR("trak_fwrite(): Failed to write 4096 bytes into /data/file: rc=-28");
+        sim::clear_log();
+        storage.fail_path(path, sim::Fault::kWrite, 0);
+        storage.stop_writes(path, true);
+        EXPECT_EQ(trak_fwrite_pages(file, 0, pages.get(), 3), -EIO);
+        EXPECT_LOGGED_ERROR("trak_fwrite(): Short write into /data/file: wrote 0 instead of 4096");
+        sim::clear_log();
+        trak_file none{nullptr, nullptr};
+        EXPECT_EQ(trak_fwrite_pages(&none, 0, pages.get(), 3), -EINVAL);
+        EXPECT_LOGGED_ERROR("trak_fwrite(): NULL or invalid file pointer passed as input!");
+    });
+}
+
+TEST(file, pages_that_fill_the_file_system_stop_where_it_is_full) {
+    with_file(300, [](sim::Storage &storage, trak_file *file) {
+        const Pages pages(3);
+        storage.set_free_bytes("/data", OS_PAGE_SIZE + 1000 - 300);
+        EXPECT_EQ(trak_fwrite_pages(file, 0, pages.get(), 3), -ENOSPC);
+        const sim::Bytes got = storage.read_file(path);
+        ASSERT_GE(got.size(), std::size_t{OS_PAGE_SIZE});
+        EXPECT_TRUE(std::equal(got.begin(), got.begin() + OS_PAGE_SIZE, pages.bytes().begin()));
     });
 }
 
