@@ -25,9 +25,11 @@ void os_schedule(void);
 void os_yield(void);        /* context: sleep */
 void os_cond_resched(void); /* context: sleep */
 
-/* Starts fn(arg) as a thread of the kernel. Returns its process id, or a negative errno.
+/* Starts fn(arg) as a thread of the kernel. Returns its process id, or a negative errno. The name is the
+ * one that the thread gives itself with os_daemonize: some kernels show only what they were told here.
  * Context: sleep. */
-int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags) OS_MUST_CHECK;
+int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags,
+                     const char *name) OS_MUST_CHECK;
 /* Called by the thread itself first: its name, no user context, no signals. Context: sleep. */
 void os_daemonize(const char *name);
 /* The last call of a thread function, whose return must follow at once: completes and ends the

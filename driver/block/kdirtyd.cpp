@@ -24,6 +24,7 @@
 
 namespace {
 
+constexpr const char *thread_name = "kdirtyd";
 constexpr std::uint64_t jiffies_per_second = 1000;
 
 struct dirty_request {
@@ -120,7 +121,7 @@ void drop_all_requests() {
 
 int kdirtyd(void *) {
     trak_logf(TRAK_LOG_MILESTONE, "%s(): Started.");
-    os_daemonize("kdirtyd");
+    os_daemonize(thread_name);
     while (!abort_asked()) {
         trak_logf(TRAK_LOG_COMMAND, "%s(): Waiting for dirty requests to come...");
         wait_for_requests();
@@ -164,8 +165,8 @@ int trak_start_kdirtyd() {
     os_init_completion(&kdirtyd_exited);
     req_cnt.store(0);
     trak_write_once(kdirtyd_abort, 0);
-    const int rc =
-        os_kernel_thread(kdirtyd, nullptr, OS_CLONE_FS | OS_CLONE_FILES | OS_CLONE_SIGHAND);
+    const int rc = os_kernel_thread(kdirtyd, nullptr,
+                                    OS_CLONE_FS | OS_CLONE_FILES | OS_CLONE_SIGHAND, thread_name);
     if (rc < 0) {
         trak_logf(TRAK_LOG_ERROR, "%s(): Failed to start kdirtyd: rc=%d", rc);
         return rc;

@@ -216,7 +216,7 @@ int trak_cowthread_start(trak_cowthread *thread, const char *name, trak_device *
                   sizeof(thread->name));
     os_init_completion(&thread->exited);
     os_init_completion(&thread->ready);
-    const int pid = os_kernel_thread(cowthread, thread, kCloneFlags);
+    const int pid = os_kernel_thread(cowthread, thread, kCloneFlags, thread->name);
     if (pid < 0) {
         trak_logf(TRAK_LOG_ERROR, "%s(): Failed to start COW thread %s: rc=%d", thread->name, pid);
         return pid;

@@ -327,7 +327,7 @@ struct os_bio_vec os_bio_vec_at(const struct os_bio *bio, uint32_t index) {
             return page_of(&vec, index);
         index -= count;
     }
-    os_bug(__FILE__, __LINE__, "a piece beyond the bio's last");
+    OS_BUG_ON(true); /* a piece beyond the bio's last */
     return (struct os_bio_vec){NULL, 0, 0};
 }
 

@@ -46,8 +46,8 @@ void os_cond_resched(void) {
 }
 
 // What a thread shares with its maker (clone_flags) is settled by the kernel for its own threads.
-int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags) {
-    struct task_struct *task = kthread_create(fn, arg, "trak");
+int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags, const char *name) {
+    struct task_struct *task = kthread_create(fn, arg, "%s", name);
     int pid;
 
     if (IS_ERR(task))

@@ -125,8 +125,9 @@ bool os_signal_pending(void) {
     return self().signalled && !self().daemonized;
 }
 
-int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags) {
+int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags, const char *name) {
     (void)clone_flags;
+    (void)name;  // os_daemonize says it
     might_sleep("os_kernel_thread");
     point();
     if (fault(Fault::kOpen))

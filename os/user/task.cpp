@@ -175,7 +175,7 @@ void os_yield(void) {
 /* Threads are preempted here; there is nothing to give back. */
 void os_cond_resched(void) {}
 
-int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long) {
+int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long, const char *) {
     user::reap(false);
     user::KernelThreads &all = user::kernel_threads();
     user::Guard held(all.mutex);

@@ -33,7 +33,8 @@ int thread_main(void *arg) {
 
 int start_thread(Thread *thread) {
     os_init_completion(&thread->exited);
-    return os_kernel_thread(thread_main, thread, OS_CLONE_FS | OS_CLONE_FILES | OS_CLONE_SIGHAND);
+    return os_kernel_thread(thread_main, thread, OS_CLONE_FS | OS_CLONE_FILES | OS_CLONE_SIGHAND,
+                            "contractd");
 }
 
 }  // namespace
@@ -69,7 +70,7 @@ TEST(task, long_names_are_cut_and_terminated) {
                           os_complete_and_exit(static_cast<os_completion *>(arg), 0);
                           return 0;
                       },
-                      &thread.exited, 0),
+                      &thread.exited, 0, "a_name_of_more_than_fifteen"),
                   0);
         os_wait_for_completion(&thread.exited);
         EXPECT_STREQ(name, "a_name_of_more_");

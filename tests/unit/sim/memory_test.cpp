@@ -174,7 +174,7 @@ TEST(sim_memory, kernel_threads_have_no_user_memory) {
                           os_complete_and_exit(&done, 0);
                           return 0;
                       },
-                      nullptr, 0),
+                      nullptr, 0, "copier"),
                   0);
         os_wait_for_completion(&done);
     });

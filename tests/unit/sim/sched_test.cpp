@@ -237,7 +237,7 @@ TEST(sim_sched, a_kernel_thread_that_is_left_is_found) {
                           os_wait_for_completion(&never);
                           return 0;
                       },
-                      nullptr, 0),
+                      nullptr, 0, "straggler"),
                   0);
     });
     EXPECT_SAYS(text, "kernel threads were not ended: straggler");
@@ -251,7 +251,7 @@ TEST(sim_sched, a_kernel_thread_that_runs_for_ever_is_found) {
                                           os_yield();
                                       return 0;
                                   },
-                                  nullptr, 0),
+                                  nullptr, 0, "straggler"),
                               0);
                 }),
                 "livelock");

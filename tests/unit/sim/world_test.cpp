@@ -144,7 +144,7 @@ TEST(sim_world, every_kind_of_call_can_fail) {
         next(Fault::kOpen);
         EXPECT_EQ(os_register_blkdev(240, "c"), -EBUSY);
         next(Fault::kOpen);
-        EXPECT_EQ(os_kernel_thread(stay_away, nullptr, 0), -ENOMEM);
+        EXPECT_EQ(os_kernel_thread(stay_away, nullptr, 0, "away"), -ENOMEM);
         next(Fault::kOpen);
         EXPECT_EQ(os_ptr_err(os_open_by_devnum(kDisk, kBoth)), -EIO);
         next(Fault::kOpen);

@@ -152,7 +152,7 @@ class user_thread : public user_testing::PlatformTest {};
 TEST_F(user_thread, it_has_a_pid_a_name_cut_to_size_and_ends_with_its_completion) {
     Threaded threaded;
     os_init_completion(&threaded.exited);
-    int pid = os_kernel_thread(thread_body, &threaded, OS_CLONE_FS | OS_CLONE_FILES);
+    int pid = os_kernel_thread(thread_body, &threaded, OS_CLONE_FS | OS_CLONE_FILES, "body");
     ASSERT_GT(pid, 0);
     os_wait_for_completion(&threaded.exited);
     EXPECT_EQ(threaded.pid, pid);
@@ -170,7 +170,7 @@ int late_body(void *arg) {
 TEST(user_platform, stopping_joins_the_threads_of_the_driver) {
     ASSERT_EQ(user::start({}, nullptr), 0);
     Gate gate;
-    ASSERT_GT(os_kernel_thread(late_body, &gate, 0), 0);
+    ASSERT_GT(os_kernel_thread(late_body, &gate, 0, "late"), 0);
     gate.advance();
     user::stop();
     EXPECT_EQ(gate.value(), 2);
