@@ -29,49 +29,94 @@ int read_disk_piece(cow_work *work, std::uint64_t at, std::uint8_t *to, int leng
     return 0;
 }
 
-// One piece, which lies within a chunk.
-int read_piece(cow_work *work, trak_device *snap, std::uint64_t at, std::uint8_t *to, int length) {
-    const auto chunk = static_cast<std::uint32_t>(at >> snap->snap.chunk_shift);
-    trak_device *holder;
-    int bit;
-    {
-        const zuread_guard guard(&work->filter->filter.snap_rwlock);
-        if (!trak_snap_takes_part(snap))
-            return -EIO;
-        holder = trak_snap_holder_of(snap, chunk, &bit);
-    }
-    if (bit < 0)
-        return -EIO;
-    if (holder == nullptr)
-        return read_disk_piece(work, at, to, length);
-    // The holder's stop waits until this request has left the head of the queue.
-    const int got =
-        trak_fread(holder->snap.cow_data_file, static_cast<std::int64_t>(at), to, length);
-    return got == length ? 0 : -EIO;
+// Bytes of the snap that lie one behind the other, on the disk and in the memory that they go to.
+struct read_run {
+    std::uint64_t at;
+    std::uint8_t *to;
+    std::uint32_t length;
+};
+
+std::uint32_t chunk_at(const trak_device *snap, std::uint64_t at) {
+    return static_cast<std::uint32_t>(at >> snap->snap.chunk_shift);
 }
 
-// Fills the bio's pages: 0 or a negative errno.
-int fill_bio(cow_work *work, trak_device *snap, os_bio *bio) {
-    const std::uint64_t chunk_size = snap->snap.chunk_size;
-    std::uint64_t at = os_bio_sector(bio) << OS_SECTOR_SHIFT;
-    const std::uint64_t end = at + os_bio_size(bio);
-    for (std::uint32_t i = os_bio_idx(bio); i < os_bio_vcnt(bio) && at < end; ++i) {
-        const os_bio_vec vec = os_bio_vec_at(bio, i);
-        auto *to = static_cast<std::uint8_t *>(os_page_address(vec.page)) + vec.offset;
-        for (std::uint32_t done = 0; done < vec.len;) {
-            std::uint64_t length = vec.len - done;
-            const std::uint64_t in_chunk = chunk_size - (at & (chunk_size - 1));
-            const std::uint64_t in_page = OS_PAGE_SIZE - (at & (OS_SECTOR_SIZE - 1));
-            length = length < in_chunk ? length : in_chunk;
-            length = length < in_page ? length : in_page;
-            const int rc = read_piece(work, snap, at, to + done, static_cast<int>(length));
+// Who has the run's first chunk (null: the disk), and how many bytes from there on are in its hands
+// too. False where that can't be said.
+bool find_holder(cow_work *work, trak_device *snap, const read_run &run, trak_device **holder,
+                 std::uint32_t *length) {
+    const zuread_guard guard(&work->filter->filter.snap_rwlock);
+    if (!trak_snap_takes_part(snap))
+        return false;
+    int bit;
+    const std::uint64_t end = run.at + run.length;
+    std::uint32_t chunk = chunk_at(snap, run.at);
+    *holder = trak_snap_holder_of(snap, chunk, &bit);
+    if (bit < 0)
+        return false;
+    std::uint64_t held;
+    do
+        held = std::uint64_t{++chunk} << snap->snap.chunk_shift;
+    while (held < end && trak_snap_holder_of(snap, chunk, &bit) == *holder && bit >= 0);
+    *length = static_cast<std::uint32_t>((held < end ? held : end) - run.at);
+    return true;
+}
+
+// From the disk, a page at a time.
+int read_disk_run(cow_work *work, read_run run) {
+    while (run.length != 0) {
+        const auto in_page =
+            static_cast<std::uint32_t>(OS_PAGE_SIZE - (run.at & (OS_SECTOR_SIZE - 1)));
+        const std::uint32_t length = run.length < in_page ? run.length : in_page;
+        const int rc = read_disk_piece(work, run.at, run.to, static_cast<int>(length));
+        if (rc != 0)
+            return rc;
+        run = {run.at + length, run.to + length, run.length - length};
+    }
+    return 0;
+}
+
+// What one holder has goes in one read. 0 or -EIO.
+int read_snap_run(cow_work *work, trak_device *snap, read_run run) {
+    while (run.length != 0) {
+        trak_device *holder;
+        std::uint32_t length;
+        if (!find_holder(work, snap, run, &holder, &length))
+            return -EIO;
+        if (holder == nullptr) {
+            const int rc = read_disk_run(work, {run.at, run.to, length});
             if (rc != 0)
                 return rc;
-            done += static_cast<std::uint32_t>(length);
-            at += length;
+        } else {
+            // The holder's stop waits until this request has left the head of the queue.
+            const int count = static_cast<int>(length);
+            if (trak_fread(holder->snap.cow_data_file, static_cast<std::int64_t>(run.at), run.to,
+                           count) != count)
+                return -EIO;
         }
+        run = {run.at + length, run.to + length, run.length - length};
     }
-    return at == end ? 0 : -EIO;
+    return 0;
+}
+
+// Fills the bio's pages, those that adjoin in memory as one: 0 or a negative errno.
+int fill_bio(cow_work *work, trak_device *snap, os_bio *bio) {
+    read_run run = {os_bio_sector(bio) << OS_SECTOR_SHIFT, nullptr, 0};
+    const std::uint64_t end = run.at + os_bio_size(bio);
+    for (std::uint32_t i = os_bio_idx(bio); i < os_bio_vcnt(bio) && run.at + run.length < end;
+         ++i) {
+        const os_bio_vec vec = os_bio_vec_at(bio, i);
+        auto *to = static_cast<std::uint8_t *>(os_page_address(vec.page)) + vec.offset;
+        if (to != run.to + run.length) {
+            const int rc = read_snap_run(work, snap, run);
+            if (rc != 0)
+                return rc;
+            run = {run.at + run.length, to, 0};
+        }
+        run.length += vec.len;
+    }
+    if (run.at + run.length != end)
+        return -EIO;
+    return read_snap_run(work, snap, run);
 }
 
 void complete_read(os_bio *bio, int /*error*/) {

@@ -350,6 +350,7 @@ struct os_page *os_alloc_page(os_gfp gfp) {
     auto *page = static_cast<os_page *>(p);
     page->magic = kPageMagic;
     page->submitters = 0;
+    page->data = page->own;
     return page;
 }
 

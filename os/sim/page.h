@@ -13,7 +13,8 @@ inline constexpr std::uint32_t kPageMagic = 0x5b1a9a9e;
 struct os_page {
     std::uint32_t magic;
     std::uint32_t submitters;  // made by a program for its request, not by os_alloc_page
-    alignas(16) unsigned char data[OS_PAGE_SIZE];
+    unsigned char *data;       // `own`, or a page of a larger piece of its submitter's memory
+    alignas(16) unsigned char own[OS_PAGE_SIZE];
 };
 
 namespace sim {

@@ -15,6 +15,7 @@ struct Request {
     os_bio *bio;
     os_bdev *bdev;
     std::vector<os_page *> pages;
+    void *memory;  // of all pages as one piece, or null where each has its own
     Bytes data;
     bool writes;
     bool counted;  // among its file system's writers
@@ -31,6 +32,7 @@ os_page *submitters_page() {
     auto *page = static_cast<os_page *>(p);
     page->magic = kPageMagic;
     page->submitters = 1;
+    page->data = page->own;
     return page;
 }
 
@@ -49,13 +51,22 @@ void ended(os_bio *bio, int error) {
     wake_all(request->waiters);
 }
 
-// Cuts the data into pieces of pages: the first one may start inside its page.
+// Cuts the data into pieces of pages: the first one may start inside its page, and the pages may
+// adjoin in memory.
 void add_pages(Request &request) {
     std::size_t done = 0, size = request.data.size();
     std::size_t offset = kernel().rng.below(8) * OS_SECTOR_SIZE;
+    if (size && kernel().rng.one_in(2)) {
+        request.memory = mem_alloc(
+            Kind::kPage, (offset + size + OS_PAGE_SIZE - 1) & ~(OS_PAGE_SIZE - 1), nullptr);
+        mem_own(request.memory);
+    }
     while (done < size) {
         auto n = static_cast<std::uint32_t>(std::min(size - done, OS_PAGE_SIZE - offset));
         os_page *page = submitters_page();
+        if (request.memory)
+            page->data =
+                static_cast<unsigned char *>(request.memory) + request.pages.size() * OS_PAGE_SIZE;
         request.pages.push_back(page);
         if (request.writes)
             std::memcpy(page->data + offset, request.data.data() + done, n);
@@ -83,6 +94,8 @@ int finish(Request *request, Bytes *data) {
     int err = request->err;
     for (os_page *page : request->pages)
         mem_free(Kind::kPage, page, "a finished request");
+    if (request->memory)
+        mem_free(Kind::kPage, request->memory, "a finished request");
     os_bio_put(request->bio);
     delete request;
     return err;

@@ -390,6 +390,26 @@ TEST(cowthread, piece_that_can_not_be_read_from_the_data_file_fails_the_read) {
     });
 }
 
+TEST(cowthread, what_one_snap_preserved_is_one_read_where_the_pages_adjoin) {
+    with_running([](Machine &) {
+        ASSERT_EQ(write_node(0, 0, 64), 0);
+        ASSERT_EQ(add_snap(2), 0);
+        ASSERT_EQ(start(2), 0);
+        ASSERT_EQ(write_node(0, 64, 64), 0);
+        std::uint64_t fewest = UINT64_MAX;
+        std::uint64_t most = 0;
+        for (int i = 0; i < 40; ++i) {  // a program's pages adjoin in half of its requests
+            const std::uint64_t before = sim::fault_points(sim::Fault::kRead);
+            EXPECT_BYTES(contents(1, 3, 120), pattern(3, 120));
+            const std::uint64_t reads = sim::fault_points(sim::Fault::kRead) - before;
+            fewest = std::min(fewest, reads);
+            most = std::max(most, reads);
+        }
+        EXPECT_EQ(fewest, 2u);  // of the data file of each snap
+        EXPECT_GT(most, 15u);
+    });
+}
+
 TEST(cowthread, data_file_that_was_removed_serves_on_while_it_is_open) {
     with_running([](Machine &machine) {
         machine.storage.remove(data_path(1));
