@@ -8,6 +8,7 @@
 // and the module must not go before that.
 #include <linux/blkdev.h>
 #include <linux/module.h>
+#include <linux/sched/task.h>
 #include <linux/slab.h>
 #include <linux/wait.h>
 
@@ -50,8 +51,22 @@ static int node_open(struct block_device *bdev, uint32_t mode) {
     return node_of(bdev->bd_disk)->ops->open((struct os_bdev *)bdev, mode);
 }
 
+/* What a process that ends left open is closed after it gave up its root folder. The driver saves bitmaps
+ * then, into files that it looks up: by the root of the first process, which is never given up. */
 static void node_release(struct gendisk *disk, uint32_t mode) {
+    const bool rootless = current->fs == NULL;
+
+    if (rootless) {
+        task_lock(current);
+        current->fs = init_task.fs;
+        task_unlock(current);
+    }
     node_of(disk)->ops->release((struct os_disk *)disk, mode);
+    if (rootless) {
+        task_lock(current);
+        current->fs = NULL;
+        task_unlock(current);
+    }
 }
 
 static int node_ioctl(struct block_device *bdev, uint32_t mode, unsigned int cmd,
