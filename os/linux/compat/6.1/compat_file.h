@@ -9,4 +9,8 @@
 /* What calls that make or remove entries take first: whose ids the mount shows, as a user namespace. */
 #define compat_mount_ids(mnt) mnt_user_ns(mnt)
 
+/* Around vfs_iter_write, which leaves it to its caller to keep a freeze of the file system away. */
+#define compat_start_write(file) file_start_write(file)
+#define compat_end_write(file) file_end_write(file)
+
 #endif
