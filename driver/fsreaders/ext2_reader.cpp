@@ -34,10 +34,12 @@ constexpr int kIncompat = 96;
 constexpr int kRoCompat = 100;
 
 constexpr std::uint32_t kMetaBlockGroups = 0x10;
-// Features under which the bitmaps are not what this reader takes them for: a journal that was not
-// replayed, a journal without a file system, descriptors of 64 bytes, bits that stand for clusters.
-constexpr std::uint32_t kIncompatRefused = 0x04 | 0x08 | 0x80;
-constexpr std::uint32_t kRoCompatRefused = 0x200;
+// Features that leave the bitmaps, and the way to them, what this reader takes them for. Not among them:
+// a journal that was not replayed (0x4), a journal without a file system (0x8), descriptors of 64
+// bytes (0x80); bits that stand for clusters (0x200), blocks that snapshots share (0x80, 0x4000); and
+// whatever is invented later.
+constexpr std::uint32_t kIncompatKnown = 0x3F743;
+constexpr std::uint32_t kRoCompatKnown = 0x1BD7F;
 // Features under which a descriptor's flags tell that its bitmap was never written.
 constexpr std::uint32_t kRoCompatFlags = 0x10 | 0x400;
 
@@ -100,7 +102,7 @@ bool is_usable(const ext2_reader *ctx, const std::uint8_t *super, const char *fu
                  function);
         return false;
     }
-    if ((incompat & kIncompatRefused) != 0 || (ro_compat & kRoCompatRefused) != 0) {
+    if ((incompat & ~kIncompatKnown) != 0 || (ro_compat & ~kRoCompatKnown) != 0) {
         trak_log(TRAK_LOG_ERROR,
                  "%s(): hdd(%d, %d) has features that make its bitmaps unreadable: 0x%x, 0x%x",
                  function, HDD(ctx->bdev), incompat, ro_compat);

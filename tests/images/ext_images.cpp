@@ -2,54 +2,17 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
 #include <sstream>
 
 #include "driver/fsreaders/ext2_reader.h"
 #include "tests/images/image_check.h"
+#include "tests/images/references.h"
 
 namespace {
 
 using namespace images;
 
 constexpr trak_fs_reader kExt{ext2_reader_init, ext2_reader_read, ext2_reader_destroy};
-
-std::uint64_t field(const std::string &text, const std::string &name) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);)
-        if (line.rfind(name + ":", 0) == 0)
-            return std::stoull(line.substr(name.size() + 1));
-    ADD_FAILURE() << name;
-    return 0;
-}
-
-// Every block is in use but those in the lists of free ones that dumpe2fs prints per group.
-Reference dumpe2fs(const std::string &image) {
-    const std::string text = run("dumpe2fs " + image);
-    Reference reference;
-    reference.block_size = static_cast<std::uint32_t>(field(text, "Block size"));
-    reference.used.assign(field(text, "Block count"), true);
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        const std::string key = "  Free blocks: ";
-        if (line.rfind(key, 0) != 0)
-            continue;
-        std::istringstream ranges(line.substr(key.size()));
-        for (std::string range; std::getline(ranges, range, ',');) {
-            std::uint64_t from = 0, to = 0;
-            const int n = std::sscanf(range.c_str(), " %lu-%lu", &from, &to);
-            if (n < 1)
-                continue;
-            to = n == 2 ? to : from;
-            EXPECT_LT(to, reference.used.size());
-            std::fill(reference.used.begin() + static_cast<std::ptrdiff_t>(from),
-                      reference.used.begin() + static_cast<std::ptrdiff_t>(to) + 1, false);
-        }
-    }
-    return reference;
-}
 
 struct Made {
     const char *what;

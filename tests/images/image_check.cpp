@@ -14,6 +14,7 @@
 #include <random>
 
 #include "abi/trak_ioctl.h"
+#include "driver/fsreaders/blkbmp.h"
 #include "driver/fsreaders/datablock_commands.h"
 #include "driver/module/params.h"
 #include "driver/utils/trak_utils.h"
@@ -88,17 +89,36 @@ Folder::~Folder() {
         std::filesystem::remove_all(path_);
 }
 
-std::string run(const std::string &command) {
+namespace {
+
+// What a command prints, and how it ended.
+std::string output_of(const std::string &command, int *status) {
     std::FILE *pipe = popen(("timeout 300 " + command + " 2>&1").c_str(), "r");
     EXPECT_NE(pipe, nullptr) << command;
+    *status = -1;
     if (pipe == nullptr)
         return {};
     std::string text;
-    std::array<char, 65536> buffer;
+    std::vector<char> buffer(65536);
     for (std::size_t n; (n = std::fread(buffer.data(), 1, buffer.size(), pipe)) > 0;)
         text.append(buffer.data(), n);
-    EXPECT_EQ(pclose(pipe), 0) << command << "\n" << text.substr(0, 2000);
+    *status = pclose(pipe);
     return text;
+}
+
+}  // namespace
+
+std::string run(const std::string &command) {
+    int status = 0;
+    std::string text = output_of(command, &status);
+    EXPECT_EQ(status, 0) << command << "\n" << text.substr(0, 2000);
+    return text;
+}
+
+std::optional<std::string> try_run(const std::string &command) {
+    int status = 0;
+    std::string text = output_of(command, &status);
+    return status == 0 ? std::optional<std::string>(text) : std::nullopt;
 }
 
 bool have(const std::string &program) {
@@ -170,6 +190,22 @@ void expect_refused(const std::string &image, const trak_fs_reader &reader) {
     EXPECT_EQ(context, nullptr);
     if (context != nullptr)
         (void)reader.destroy(context);
+}
+
+Map map_of(const std::string &image, std::uint32_t chunk_size) {
+    Platform platform(image);
+    trak_blkbmp bmp;
+    (void)trak_blkbmp_init(&bmp);
+    Map map;
+    map.valid =
+        platform.bdev() != nullptr && trak_blkbmp_read(&bmp, platform.bdev(), chunk_size) >= 0;
+    EXPECT_EQ(map.valid, bmp.valid != 0);
+    const std::uint64_t chunks = (std::filesystem::file_size(image) + chunk_size - 1) / chunk_size;
+    map.used.reserve(chunks);
+    for (std::uint64_t c = 0; c < chunks; ++c)
+        map.used.push_back(trak_blkbmp_holds_data(&bmp, static_cast<std::uint32_t>(c)));
+    (void)trak_blkbmp_destroy(&bmp);
+    return map;
 }
 
 int self_test(const std::string &image) {

@@ -8,6 +8,7 @@
 #define TRAK_TESTS_IMAGES_IMAGE_CHECK_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,6 +31,8 @@ class Folder {
 
 // What a shell command prints; a test failure when it fails.
 std::string run(const std::string &command);
+// The same, or nothing when the command fails.
+std::optional<std::string> try_run(const std::string &command);
 // True when the command exists; otherwise the test is skipped with the reason, or fails under CI.
 bool have(const std::string &program);
 
@@ -52,6 +55,12 @@ struct Reference {
 void compare(const std::string &image, const trak_fs_reader &reader, const Reference &reference);
 // The reader takes the image for no file system of its kind, or refuses it.
 void expect_refused(const std::string &image, const trak_fs_reader &reader);
+// The whole way that a snapshot goes: the first reader that takes the image, and the map built with it.
+struct Map {
+    bool valid = false;
+    std::vector<bool> used;  // by chunk of the image
+};
+Map map_of(const std::string &image, std::uint32_t chunk_size);
 // The self-test command on the image.
 int self_test(const std::string &image);
 // Lines of the driver's log that hold the text, since the last start of the platform.

@@ -10,6 +10,7 @@
 
 #include "driver/fsreaders/xfs_reader.h"
 #include "tests/images/image_check.h"
+#include "tests/images/references.h"
 
 namespace {
 
@@ -17,38 +18,6 @@ using namespace images;
 
 constexpr trak_fs_reader kXfs{xfs_reader_init, xfs_reader_read, xfs_reader_destroy};
 constexpr std::uint64_t kMiB = 1u << 20;
-
-std::uint64_t field(const std::string &text, const std::string &name) {
-    const std::size_t at = text.find(name + " = ");
-    EXPECT_NE(at, std::string::npos) << name;
-    return at == std::string::npos ? 0 : std::stoull(text.substr(at + name.size() + 3));
-}
-
-// Every block is in use but the extents in the leaves of each group's tree by block number, which
-// xfs_db prints as "1:[start,count]".
-Reference xfs_db(const std::string &image) {
-    const std::string super =
-        run("xfs_db -r -c 'sb 0' -c 'p blocksize dblocks agblocks agcount' " + image);
-    Reference reference;
-    reference.block_size = static_cast<std::uint32_t>(field(super, "blocksize"));
-    reference.used.assign(field(super, "dblocks"), true);
-    const std::uint64_t agblocks = field(super, "agblocks");
-    reference.group = agblocks;
-    for (std::uint64_t ag = 0; ag < field(super, "agcount"); ++ag) {
-        std::istringstream lines(run("xfs_db -r -c 'agf " + std::to_string(ag) +
-                                     "' -c 'addr bnoroot' -c btdump " + image));
-        for (std::string line; std::getline(lines, line);) {
-            std::uint64_t n = 0, start = 0, count = 0;
-            if (std::sscanf(line.c_str(), "%lu:[%lu,%lu]", &n, &start, &count) != 3)
-                continue;
-            const auto from = static_cast<std::ptrdiff_t>(ag * agblocks + start);
-            EXPECT_LE(ag * agblocks + start + count, reference.used.size());
-            std::fill(reference.used.begin() + from,
-                      reference.used.begin() + from + static_cast<std::ptrdiff_t>(count), false);
-        }
-    }
-    return reference;
-}
 
 class XfsImages : public ::testing::Test {
   protected:

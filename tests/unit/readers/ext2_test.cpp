@@ -181,7 +181,8 @@ TEST(ext2_reader, meta_block_groups_are_refused) {
 
 TEST(ext2_reader, features_that_change_what_bitmaps_mean_are_refused) {
     const Ext2 fs = small();
-    for (const std::uint32_t incompat : {0x04u, 0x08u, 0x80u}) {
+    // The last two are of nothing that is known.
+    for (const std::uint32_t incompat : {0x04u, 0x08u, 0x80u, 0x800u, 0x80000000u}) {
         Disk disk(fs);
         patch_le(disk, kSuper + 96, incompat, 4);
         char text[128];
@@ -191,11 +192,16 @@ TEST(ext2_reader, features_that_change_what_bitmaps_mean_are_refused) {
                       incompat);
         expect_refused(disk, kExt2, text);
     }
-    Disk disk(fs);
-    patch_le(disk, kSuper + 100, 0x200, 4);
-    expect_refused(disk, kExt2,
-                   "ext2_reader_init(): hdd(8, 16) has features that make its bitmaps unreadable: "
-                   "0x0, 0x200");
+    for (const std::uint32_t ro_compat : {0x80u, 0x200u, 0x4000u, 0x80000000u}) {
+        Disk disk(fs);
+        patch_le(disk, kSuper + 100, ro_compat, 4);
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "ext2_reader_init(): hdd(8, 16) has features that make its bitmaps "
+                      "unreadable: 0x0, 0x%x",
+                      ro_compat);
+        expect_refused(disk, kExt2, text);
+    }
 }
 
 TEST(ext2_reader, groups_of_another_size_are_refused) {
