@@ -92,15 +92,22 @@ function(trak_add_command_test name)
   endif()
 endfunction()
 
-# trak_add_fuzzer(NAME SOURCES... [LIBS...]): fuzz_NAME, a libFuzzer program of the fuzz preset.
+# trak_add_fuzzer(NAME SOURCES... [LIBS...] [PLAIN...]): fuzz_NAME, a libFuzzer program of the fuzz
+#   preset. PLAIN sources are the test's own: neither the fuzzer nor a sanitizer looks at them.
 function(trak_add_fuzzer name)
-  cmake_parse_arguments(T "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "" "" "SOURCES;LIBS;PLAIN" ${ARGN})
   if(NOT TRAK_FUZZ)
     return()
   endif()
-  add_executable(fuzz_${name} ${T_SOURCES} ${T_UNPARSED_ARGUMENTS})
+  add_executable(fuzz_${name} ${T_SOURCES})
   target_link_libraries(fuzz_${name} PRIVATE ${T_LIBS})
-  target_compile_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  if(T_PLAIN)
+    add_library(fuzz_${name}_plain OBJECT ${T_PLAIN})
+    target_link_libraries(fuzz_${name}_plain PRIVATE ${T_LIBS})
+    target_compile_options(fuzz_${name}_plain PRIVATE
+                           -fno-sanitize=fuzzer-no-link,address,undefined)
+    target_link_libraries(fuzz_${name} PRIVATE fuzz_${name}_plain)
+  endif()
   target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
 endfunction()
 
