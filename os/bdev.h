@@ -28,7 +28,8 @@ static inline uint32_t os_minor(os_dev_t dev) {
 enum { OS_FMODE_READ = 1, OS_FMODE_WRITE = 2 };
 
 /* Opens a device by number; an error value on failure. A node of our own runs the driver's open
- * operation. Context: sleep. */
+ * operation, one call of open or release at a time: the caller has no lock to itself that these take.
+ * Context: sleep. */
 struct os_bdev *os_open_by_devnum(os_dev_t dev, uint32_t mode) OS_MUST_CHECK;
 void os_blkdev_put(struct os_bdev *bdev, uint32_t mode); /* whatever mode it was opened with */
 
@@ -48,7 +49,9 @@ void os_invalidate_bdev(struct os_bdev *bdev); /* drops its clean cached pages; 
 
 /* Stops the file system on the device at a consistent point: no write of it is under way when this
  * returns, and none starts until the thaw. Without a file system nothing is stopped and null is
- * returned, which os_thaw_bdev takes. An error value on failure. Context: sleep. */
+ * returned, which os_thaw_bdev takes. An error value on failure. The file system may write to the
+ * device first: of a node of our own, the caller has no lock to itself that its requests take.
+ * Context: sleep. */
 struct os_super *os_freeze_bdev(struct os_bdev *bdev) OS_MUST_CHECK;
 int os_thaw_bdev(struct os_bdev *bdev, struct os_super *super);
 

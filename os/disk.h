@@ -46,9 +46,13 @@ void *os_queue_data(const struct os_queue *queue);
 /* The request-size limits (and what a request may be: flush, discard, zeroes) of another queue. */
 void os_queue_copy_limits(struct os_queue *to, const struct os_queue *from);
 
-/* 0, or a negative errno with nothing added. Context: sleep. */
+/* 0, or a negative errno with nothing added. A disk of one minor has no partitions and is not searched
+ * for any: nobody opens it in here. Context: sleep. */
 int os_add_disk(struct os_disk *disk) OS_MUST_CHECK;
-void os_del_gendisk(struct os_disk *disk); /* context: sleep */
+/* Newer kernels wait in here for calls of the disk's open and release operations and of its
+ * make-request function that are under way, older ones don't. So the caller has no lock to itself that
+ * one of these takes, and they may still be under way afterwards. Context: sleep. */
+void os_del_gendisk(struct os_disk *disk);
 void os_cleanup_queue(struct os_queue *queue);
 void os_put_disk(struct os_disk *disk);
 

@@ -103,7 +103,8 @@ struct trak_device {
         trak_filter filter;
         trak_snap snap;
     };
-    trak_list orphan_link;  // by trak_blkdev_rwlock: among nodes that lost their table entry
+    trak_list orphan_link;  // by trak_blkdev_rwlock: among nodes that lost their table entry; by
+                            // trak_nodes_mutex: among those that a destroy has taken out of it
 };
 
 inline bool trak_is_filter(const trak_device *dev) {

@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // First the disk is checked and opened, with no lock held (two creations for one disk can both pass the
-// test for duplicates). Then, with the node table held for writing to the end, the record is placed,
-// filled and published. Whatever fails there is undone in one place, discard_node.
+// test for duplicates). Then one creation at a time goes on: it chooses the minor, fills the record and
+// loads the bitmaps, whose files may lie on another node and are read with the node table released; and
+// with the table held for writing it places the record and publishes it. Whatever fails there is undone
+// in one place, discard_node.
 //
 // A creation that is refused because its minor is taken empties that minor's table entry. Callers avoid it
 // by asking for a free minor, or for any; the node that loses its entry is kept as an orphan.
@@ -70,6 +72,8 @@ int find_disk(const char *path, os_dev_t *dev) {
 
 // -EINVAL when a filter over the disk exists already.
 int check_duplicate(os_dev_t dev) {
+    // A deletion under way may still have to close this disk.
+    const zumutex_guard nodes(&trak_nodes_mutex);
     const zuread_guard table(&trak_blkdev_rwlock);
     if (trak_blkdev_arr == nullptr)
         return 0;
@@ -185,19 +189,24 @@ void name_bitmap_files(trak_filter *filter, const char *dir) {
                 filter->bmp_dir, filter->part_minor);
 }
 
-// The placed record becomes a node: 0 or a negative errno, with discard_node to follow.
-int build_node(trak_device *dev, const trak_add_filter_arg *arg, const disk_facts &disk)
-    TRAK_REQUIRES(trak_blkdev_rwlock) {
+// Fills the record, whose minor is chosen: 0 or a negative errno, with discard_node to follow.
+int build_node(trak_device *dev, const trak_add_filter_arg *arg, const disk_facts &disk) {
     trak_filter *filter = &dev->filter;
     fill_record(dev, arg, disk);
-    int rc = alloc_bitmaps(filter);
+    const int rc = alloc_bitmaps(filter);
     if (rc != 0)
         return rc;
     name_bitmap_files(filter, arg->bmp_dir);
     // A file that is missing or no good is no failure here.
     trak_block_load_bmp(filter, TRAK_BMP_DIFF);
     trak_block_load_bmp(filter, TRAK_BMP_INCR);
-    rc = trak_cowqueue_init(&filter->cowqueue);
+    return 0;
+}
+
+// The filled record becomes a node: 0 or a negative errno, with discard_node to follow.
+int publish_node(trak_device *dev, const disk_facts &disk) TRAK_REQUIRES(trak_blkdev_rwlock) {
+    trak_filter *filter = &dev->filter;
+    const int rc = trak_cowqueue_init(&filter->cowqueue);
     if (rc != 0)
         return rc;
     zurwlock_init(&filter->snap_rwlock, &trak_rank_snap_rwlock);
@@ -211,8 +220,8 @@ int build_node(trak_device *dev, const trak_add_filter_arg *arg, const disk_fact
                                trak_unplug_filter);
 }
 
-// Gives back what build_node made. The bitmaps, and after a failed disk the queue and the tracker too,
-// would otherwise stay allocated for good, and the tracker's pools beyond unload.
+// Gives back what build_node and publish_node made. The bitmaps, and after a failed disk the queue and
+// the tracker too, would otherwise stay allocated for good, and the tracker's pools beyond unload.
 void discard_node(trak_device *dev, std::int32_t minor) TRAK_REQUIRES(trak_blkdev_rwlock) {
     trak_filter *filter = &dev->filter;
     if (filter->aio.hash != nullptr)
@@ -233,16 +242,25 @@ void discard_node(trak_device *dev, std::int32_t minor) TRAK_REQUIRES(trak_blkde
     os_kfree(dev);
 }
 
-// The locked half of the creation.
-int create_node(trak_device *dev, trak_add_filter_arg *arg, const disk_facts &disk) {
-    const zuwrite_guard table(&trak_blkdev_rwlock);
-    int rc = trak_place_device(me, dev, &arg->minor);
+int choose_minor(trak_device *dev, trak_add_filter_arg *arg) {
+    const zuread_guard table(&trak_blkdev_rwlock);
+    const int rc = trak_choose_minor(me, &arg->minor);
     if (rc == 0) {
+        dev->minor = arg->minor;
         choose_name(arg);
-        rc = build_node(dev, arg, disk);
     }
+    return rc;
+}
+
+// The last step: 0 with the node there, or rc (the error of an earlier step, or of this one) and nothing
+// left but the open disk.
+int place_node(trak_device *dev, trak_add_filter_arg *arg, const disk_facts &disk, int rc) {
+    const zuwrite_guard table(&trak_blkdev_rwlock);
+    if (rc == 0)
+        rc = trak_place_device(me, dev, &arg->minor);
+    if (rc == 0)
+        rc = publish_node(dev, disk);
     if (rc != 0) {
-        trak_close_bdev(disk.bdev);
         discard_node(dev, arg->minor);
         return rc;
     }
@@ -250,6 +268,20 @@ int create_node(trak_device *dev, trak_add_filter_arg *arg, const disk_facts &di
     os_disk_set_ro(dev->disk, 0);
     trak_block_make_special_file(dev);
     return 0;
+}
+
+// The half of the creation that goes on alone.
+int create_node(trak_device *dev, trak_add_filter_arg *arg, const disk_facts &disk) {
+    const zumutex_guard nodes(&trak_nodes_mutex);
+    int rc = choose_minor(dev, arg);
+    if (rc == 0)
+        rc = build_node(dev, arg, disk);
+    if (rc == 0)
+        trak_free_minor(arg->minor);
+    rc = place_node(dev, arg, disk, rc);
+    if (rc != 0)
+        trak_close_bdev(disk.bdev);
+    return rc;
 }
 
 // The open disk becomes a node, or is closed again.
@@ -320,7 +352,6 @@ int trak_block_add_disk(const char *function, trak_device *dev, std::uint64_t se
     os_queue_set_data(queue, dev);
     os_queue_set_unplug(queue, unplug);
     os_disk_set_queue(disk, queue);
-    trak_hide_orphans(static_cast<std::uint32_t>(dev->minor));
     if (const int rc = os_add_disk(disk); rc != 0) {
         trak_log(TRAK_LOG_ERROR, "%s(): Failed to add new generic disk: rc=%d", function, rc);
         os_cleanup_queue(queue);

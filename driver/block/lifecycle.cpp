@@ -199,23 +199,50 @@ int stop_all() {
     return 0;
 }
 
-int destroy_all() {
+// Takes every node out of the table: 0 or the first error, which leaves the rest in place.
+int empty_table(trak_list *leaving) TRAK_REQUIRES(trak_nodes_mutex) {
     const zuwrite_guard table(&trak_blkdev_rwlock);
     for (std::uint32_t minor = 0; trak_minor_in_range(minor); ++minor) {
         trak_device *dev = trak_find_device(minor);
         if (dev == nullptr)
             continue;
-        const int rc = trak_block_destroy_device(dev, 0);
+        const int rc = trak_block_destroy_device(dev, leaving);
         if (rc != 0)
             return rc;
     }
     while (trak_device *dev = trak_next_orphan(nullptr)) {
-        const int rc = trak_block_destroy_device(dev, 0);
+        const int rc = trak_block_destroy_device(dev, leaving);
         if (rc != 0)
             return rc;
     }
     trak_table_destroy();
     return 0;
+}
+
+int destroy_all() {
+    const zumutex_guard nodes(&trak_nodes_mutex);
+    trak_list leaving;
+    trak_list_init(&leaving);
+    const int rc = empty_table(&leaving);
+    trak_block_bury_devices(&leaving, 0);
+    return rc;
+}
+
+// Another command may have come in between since the node was stopped: its entry is read again.
+int destroy_minor(std::uint32_t minor) {
+    const zumutex_guard nodes(&trak_nodes_mutex);
+    trak_list leaving;
+    trak_list_init(&leaving);
+    int rc = unknown_minor_of_del;
+    {
+        const zuwrite_guard table(&trak_blkdev_rwlock);
+        if (trak_device *dev = trak_find_device(minor))
+            rc = trak_block_destroy_device(dev, &leaving);
+        else
+            log_unknown("trak_ioctl_del_node", minor);
+    }
+    trak_block_bury_devices(&leaving, 1);
+    return rc;
 }
 
 bool table_exists() {
@@ -320,12 +347,5 @@ int trak_ioctl_del_node(trak_minor_arg *arg) {
         if (rc != 0)
             return rc;
     }
-    // Another command may come in between: the entry is read again.
-    const zuwrite_guard table(&trak_blkdev_rwlock);
-    trak_device *dev = trak_find_device(arg->minor);
-    if (dev == nullptr) {
-        log_unknown(__func__, arg->minor);
-        return unknown_minor_of_del;
-    }
-    return trak_block_destroy_device(dev, 1);
+    return destroy_minor(arg->minor);
 }

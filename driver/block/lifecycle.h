@@ -24,13 +24,18 @@ int trak_ioctl_del_node(trak_minor_arg *arg);  // 22, positive, for a minor with
 int trak_block_start_device(trak_device *dev) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
 // Stops a filter's snaps with it; a snap that older started ones need goes on (0).
 int trak_block_stop_device(trak_device *dev) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
-// The node table is held for writing. Destroys a filter's snaps with it; a snap whose stop is pending is
-// only marked (0). unlink_files: 1 removes a snap's COW files too. The record is gone after 0.
-int trak_block_destroy_device(trak_device *dev, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock);
-
-// Takes away what the world sees of a node: its entry in the status tree and its disk. Nothing where that
-// was done before. The node is not open.
-void trak_block_hide_device(trak_device *dev) TRAK_REQUIRES(trak_blkdev_rwlock);
+// The first half of a destroy, with the node table held for writing. Destroys a filter's snaps with it; a
+// snap whose stop is pending is only marked (0). What left the table is added to the list, which goes to
+// trak_block_bury_devices in any case, after an error too.
+int trak_block_destroy_device(trak_device *dev, trak_list *leaving)
+    TRAK_REQUIRES(trak_nodes_mutex, trak_blkdev_rwlock);
+// The second half: disks, files and records of the nodes on the list, which is empty afterwards.
+// unlink_files: 1 removes the COW files of snaps too.
+void trak_block_bury_devices(trak_list *leaving, int unlink_files) TRAK_REQUIRES(trak_nodes_mutex)
+    TRAK_EXCLUDES(trak_blkdev_rwlock);
+// Takes a node's disk away, unless it is null. Nobody can reach the node through it any more.
+void trak_block_remove_disk(os_disk *disk) TRAK_REQUIRES(trak_nodes_mutex)
+    TRAK_EXCLUDES(trak_blkdev_rwlock);
 
 extern const os_block_device_operations trak_bdops;
 void trak_unplug_filter(os_queue *queue);

@@ -6,6 +6,7 @@
 #include "os/lock.h"
 
 // A task takes locks in rising rank. Spin locks come last: nothing sleeps under them.
+inline constexpr os_lock_class trak_rank_nodes_mutex{"trak_nodes_mutex", 5};
 inline constexpr os_lock_class trak_rank_table{"trak_blkdev_rwlock", 10};
 inline constexpr os_lock_class trak_rank_filter_mutex{"filter dev_mutex", 20};
 inline constexpr os_lock_class trak_rank_snap_mutex{"snap dev_mutex", 25};

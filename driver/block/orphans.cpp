@@ -4,7 +4,7 @@
 
 #include <os_embedded.h>
 
-#include "driver/block/lifecycle.h"
+#include "driver/control/proc.h"
 
 namespace {
 
@@ -34,12 +34,17 @@ bool trak_orphan_blocks(std::uint32_t minor) {
     return false;
 }
 
-void trak_hide_orphans(std::uint32_t minor) {
+os_disk *trak_hide_orphan(std::uint32_t minor) {
     for (trak_device *dev = trak_next_orphan(nullptr); dev != nullptr;
          dev = trak_next_orphan(dev)) {
-        if (static_cast<std::uint32_t>(dev->minor) == minor)
-            trak_block_hide_device(dev);
+        os_disk *disk = dev->disk;
+        if (static_cast<std::uint32_t>(dev->minor) != minor || disk == nullptr)
+            continue;
+        trak_proc_del_device(dev);
+        dev->disk = nullptr;
+        return disk;
     }
+    return nullptr;
 }
 
 trak_device *trak_find_orphan(const void *record) {

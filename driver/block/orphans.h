@@ -20,8 +20,9 @@
 void trak_orphan_device(std::uint32_t minor) TRAK_REQUIRES(trak_blkdev_rwlock);
 // True when an open orphan has the minor.
 [[nodiscard]] bool trak_orphan_blocks(std::uint32_t minor) TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
-// Takes the disks of this minor's orphans away, none of which is open.
-void trak_hide_orphans(std::uint32_t minor) TRAK_REQUIRES(trak_blkdev_rwlock);
+// The disk of an orphan that has this minor and isn't open, its folder of the status tree gone; null when
+// there is none (any more). The caller takes the disk away.
+[[nodiscard]] os_disk *trak_hide_orphan(std::uint32_t minor) TRAK_REQUIRES(trak_blkdev_rwlock);
 // The orphan at this address, or null.
 [[nodiscard]] trak_device *trak_find_orphan(const void *record)
     TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);

@@ -4,6 +4,7 @@
 
 #include <os_embedded.h>
 
+#include "driver/block/lifecycle.h"
 #include "driver/block/lock_ranks.h"
 #include "driver/block/orphans.h"
 #include "driver/module/log.h"
@@ -15,6 +16,7 @@
 
 OS_MODULE_STATE constinit trak_device **trak_blkdev_arr = nullptr;
 OS_MODULE_STATE constinit zurwlock trak_blkdev_rwlock{};
+OS_MODULE_STATE constinit zumutex trak_nodes_mutex{};
 
 namespace {
 
@@ -30,6 +32,7 @@ std::uint64_t entry_count() {
 
 void trak_table_init() {
     zurwlock_init(&trak_blkdev_rwlock, &trak_rank_table);
+    zumutex_init(&trak_nodes_mutex, &trak_rank_nodes_mutex);
 }
 
 int trak_table_create() {
@@ -71,8 +74,8 @@ static std::int32_t lowest_free_minor() TRAK_REQUIRES_SHARED(trak_blkdev_rwlock)
     return -1;
 }
 
-int trak_place_device(const char *function, trak_device *dev, std::int32_t *minor) {
-    std::int32_t m = *minor;
+int trak_choose_minor(const char *function, std::int32_t *minor) {
+    const std::int32_t m = *minor;
     // A module that is just being loaded has a control device and no table: nothing fits into it.
     if (m > trak_max_blk_minor || trak_blkdev_arr == nullptr) {
         trak_log(TRAK_LOG_ERROR, "%s(): Minor number %d is too big: max=%d", function, m,
@@ -80,19 +83,43 @@ int trak_place_device(const char *function, trak_device *dev, std::int32_t *mino
         return -EINVAL;
     }
     if (m < 0) {
-        m = lowest_free_minor();
-        if (m < 0) {
+        const std::int32_t lowest = lowest_free_minor();
+        if (lowest < 0) {
             trak_log(TRAK_LOG_ERROR, "%s(): All %d of TRAK minor nodes have already been used up.",
                      function, trak_max_blk_minor + 1);
             return -ENOSPC;
         }
-        *minor = m;
+        *minor = lowest;
     } else if (!is_free(m)) {
         trak_log(TRAK_LOG_ERROR, "%s(): Device minor number %d is already taken", function, m);
         return -EINVAL;
     }
-    trak_blkdev_arr[m] = dev;
-    dev->minor = m;
+    return 0;
+}
+
+void trak_free_minor(std::int32_t minor) {
+    for (;;) {
+        os_disk *disk = nullptr;
+        {
+            const zuwrite_guard table(&trak_blkdev_rwlock);
+            if (minor > trak_max_blk_minor || trak_blkdev_arr == nullptr)
+                return;
+            const std::int32_t m = minor < 0 ? lowest_free_minor() : minor;
+            if (m >= 0 && is_free(m))
+                disk = trak_hide_orphan(static_cast<std::uint32_t>(m));
+        }
+        if (disk == nullptr)
+            return;
+        trak_block_remove_disk(disk);
+    }
+}
+
+int trak_place_device(const char *function, trak_device *dev, std::int32_t *minor) {
+    const int rc = trak_choose_minor(function, minor);
+    if (rc != 0)
+        return rc;
+    trak_blkdev_arr[*minor] = dev;
+    dev->minor = *minor;
     return 0;
 }
 

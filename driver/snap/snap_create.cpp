@@ -128,7 +128,7 @@ void fill_record(trak_device *dev, trak_device *filter, const trak_add_snap_arg 
 
 // Takes back what fill_record and the table got.
 void withdraw(trak_device *dev) TRAK_REQUIRES(trak_blkdev_rwlock) {
-    trak_snap_detach(dev, 0);
+    trak_snap_detach(dev);
     trak_blkdev_arr[dev->minor] = nullptr;
 }
 
@@ -200,6 +200,8 @@ TRAK_NO_THREAD_SAFETY_ANALYSIS int trak_ioctl_add_snap_node(trak_add_snap_arg *a
         trak_generate_uuid(arg->uuid);
     arg->uuid[TRAK_UUID_SIZE - 1] = '\0';
 
+    const zumutex_guard nodes(&trak_nodes_mutex);
+    trak_free_minor(arg->snap_minor);
     zuwrite_lock(&trak_blkdev_rwlock);
     const Refusal result = create(arg);
     if (result.lock == Lock::kReleased)

@@ -24,8 +24,8 @@ void trak_snap_read_data_blocks(trak_device *snap) TRAK_REQUIRES_SHARED(trak_blk
 // loop, through the whole stop procedure; else null.
 [[nodiscard]] trak_device *trak_snap_next_to_stop(trak_device *snap)
     TRAK_REQUIRES_SHARED(trak_blkdev_rwlock);
-// Destroy's part: removes the COW files when asked and unlinks the snap from its filter.
-void trak_snap_detach(trak_device *snap, int unlink_files) TRAK_REQUIRES(trak_blkdev_rwlock);
+// Destroy's part: unlinks the snap from its filter.
+void trak_snap_detach(trak_device *snap) TRAK_REQUIRES(trak_blkdev_rwlock);
 // True while the snap takes part in COW decisions: started and valid.
 [[nodiscard]] bool trak_snap_takes_part(const trak_device *snap);
 

@@ -68,11 +68,7 @@ trak_device *trak_snap_next_to_stop(trak_device *snap) {
     return nullptr;
 }
 
-void trak_snap_detach(trak_device *snap, int unlink_files) {
-    if (unlink_files != 0) {
-        trak_unlink(snap->snap.cow_data_fname);
-        trak_unlink(snap->snap.cow_bmp_fname);
-    }
+void trak_snap_detach(trak_device *snap) {
     const zuwrite_guard guard(&snap->snap.filter->filter.snap_rwlock);
     trak_list_del(&snap->snap.snap_link);
 }

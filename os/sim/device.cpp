@@ -75,9 +75,22 @@ int call_open(os_bdev *bdev, std::uint32_t mode) {
     if (disk.machine || !disk.ops->open)
         return 0;
     const Depth before = depth_of(self());
+    self().in_open++;
     int err = disk.ops->open(bdev, mode);
+    self().in_open--;
     check_depth(self(), before, "the open operation of a disk returned");
     return err > 0 ? -EIO : err;
+}
+
+void call_release(const os_bdev &bdev, std::uint32_t mode) {
+    const os_disk &disk = *bdev.disk;
+    if (disk.machine || !disk.ops->release)
+        return;
+    const Depth before = depth_of(self());
+    self().in_open++;
+    (void)disk.ops->release(bdev.disk, mode);
+    self().in_open--;
+    check_depth(self(), before, "the release operation of a disk returned");
 }
 
 // 0, or what the block layer itself ends the bio with.
@@ -120,7 +133,8 @@ void start(os_bio *bio) {
     const Depth before = depth_of(self());
     queue->calls++;
     (void)queue->make_request(queue, bio);
-    queue->calls--;
+    if (--queue->calls == 0)
+        wake_all(queue->idle);
     check_depth(self(), before, "a make-request function returned");
 }
 
@@ -159,6 +173,8 @@ os_bdev *device_open(os_dev_t dev, std::uint32_t mode, int *err) {
     *err = fault(Fault::kOpen) ? -EIO : (disk ? 0 : -ENXIO);
     if (*err)
         return nullptr;
+    if (!disk->machine)
+        check_waits_for(kByOpen, "opening a node");
     os_bdev *bdev = pin(dev, disk);
     mutex_lock(bdev->mutex, bdev);
     *err = call_open(bdev, mode);
@@ -172,16 +188,25 @@ os_bdev *device_open(os_dev_t dev, std::uint32_t mode, int *err) {
 void device_close(os_bdev *bdev, std::uint32_t mode) {
     mem_check(Kind::kBdev, bdev, "closing a device");
     bdev->pins++;
+    if (!bdev->disk->machine)
+        check_waits_for(kByOpen, "closing a node");
     mutex_lock(bdev->mutex, bdev);
     if (bdev->openers == 0)
         fail("a device is closed that is not open");
     bdev->openers--;
-    const os_disk &disk = *bdev->disk;
-    if (!disk.machine && disk.ops->release) {
-        const Depth before = depth_of(self());
-        (void)disk.ops->release(bdev->disk, mode);
-        check_depth(self(), before, "the release operation of a disk returned");
-    }
+    call_release(*bdev, mode);
+    mutex_unlock(bdev->mutex);
+    unpin(bdev);
+}
+
+void device_shut(os_disk &disk) {
+    auto &bdevs = kernel().bdevs;
+    auto at = bdevs.find(os_mkdev(disk.major, disk.first_minor));
+    if (at == bdevs.end() || at->second->disk != &disk)
+        return;
+    os_bdev *bdev = at->second;
+    bdev->pins++;
+    mutex_lock(bdev->mutex, bdev);
     mutex_unlock(bdev->mutex);
     unpin(bdev);
 }

@@ -61,6 +61,7 @@ struct os_queue {
     bool cleaned;    // os_cleanup_queue was called
     unsigned calls;  // make-request calls under way
     os_disk *disk;
+    os_sim_wait_list idle;  // calls == 0
 };
 
 struct os_disk {
@@ -112,6 +113,7 @@ void disk_take(Disk &disk, os_bio *bio);
 // device.cpp
 os_bdev *device_open(os_dev_t dev, std::uint32_t mode, int *err);
 void device_close(os_bdev *bdev, std::uint32_t mode);
+void device_shut(os_disk &disk);  // waits until nobody is being let in or out
 std::uint64_t device_size(const os_bdev &bdev);
 bool has_file_system(os_dev_t dev);
 FileSystem *file_system_on(os_dev_t dev);

@@ -62,6 +62,7 @@ Storage::Impl &files() {
 int begin(const char *function, const std::string &path, Fault kind) {
     might_sleep(function);
     point();
+    touch_host(path, kind);
     if (int err = files().failing_path(path, kind))
         return err;
     return fault(kind) ? -EIO : 0;

@@ -39,6 +39,31 @@ void on_freeze(os_dev_t dev, std::function<void()> fn) {
     file_system_on(dev)->on_freeze = std::move(fn);
 }
 
+void host_files(const std::string &dir, os_bdev *bdev) {
+    if (bdev)
+        kernel().hosts[dir + "/"] = bdev;
+    else
+        kernel().hosts.erase(dir + "/");
+}
+
+void touch_host(const std::string &path, Fault kind) {
+    for (const auto &[dir, bdev] : kernel().hosts) {
+        if (path.compare(0, dir.size(), dir) != 0)
+            continue;
+        os_bdev *device = bdev;
+        join(spawn("file system", [device, kind] {
+            Bytes block(OS_PAGE_SIZE);
+            const std::uint64_t blocks = device_size(*device) / OS_PAGE_SIZE;
+            const std::uint64_t sector = kernel().rng.below(blocks) * (OS_PAGE_SIZE / 512);
+            if (kind == Fault::kRead)
+                (void)read_device(device, sector, block);
+            else
+                (void)write_device(device, sector, block);
+        }));
+        return;
+    }
+}
+
 void wait_while_frozen(os_dev_t dev) {
     might_sleep("wait_while_frozen");
     FileSystem *fs = file_system_on(dev);
@@ -90,6 +115,7 @@ void os_invalidate_bdev(struct os_bdev *bdev) {
 struct os_super *os_freeze_bdev(struct os_bdev *bdev) {
     might_sleep("os_freeze_bdev");
     os_dev_t dev = os_bdev_dev(bdev);
+    check_waits_for(kByRequest, "os_freeze_bdev");
     point();
     FileSystem *fs = file_system_on(dev);
     if (!fs)

@@ -51,6 +51,7 @@ struct Held {
     const os_lock_class *cls;
     const void *lock;
     bool spin;
+    bool exclusive;  // a sleeping lock: nobody else has it meanwhile
 };
 
 // A sleeping lock of the simulated kernel itself (folders, opened devices).
@@ -95,6 +96,7 @@ struct os_task {
     os_bio *bio_list = nullptr;  // submitted inside a make-request function, to be started after it
     os_bio *bio_list_last = nullptr;
     bool in_make_request = false;
+    unsigned in_open = 0;    // open and release operations under way
     bool in_freeze = false;  // its writes are those of the file system that it freezes
 
     os_sim_wait_list joiners{};
@@ -208,6 +210,7 @@ struct Kernel {
     std::map<os_dev_t, os_disk *> nodes;  // visible
     std::map<os_dev_t, os_bdev *> bdevs;  // opened
     std::map<os_dev_t, FileSystem> file_systems;
+    std::map<std::string, os_bdev *> hosts;  // of the files below a folder
     std::map<os_dev_t, os_disk *> machine_disks;
     unsigned supers = 0;  // references that os_get_super gave
     int module_references = 0;
@@ -219,6 +222,8 @@ struct Kernel {
     os_proc_entry *proc_root = nullptr;
     // Lock classes by use: 1 in interrupts, 2 with interrupts enabled.
     std::vector<std::pair<const os_lock_class *, unsigned>> irq_use;
+    // Lock classes that operations of disks took in this boot: kByOpen, kByRequest.
+    std::vector<std::pair<const os_lock_class *, unsigned>> disk_use;
 };
 
 extern constinit Kernel *g_kernel;  // of the running World
@@ -264,6 +269,11 @@ void drop_tasks();
 // Failure unless the caller may sleep.
 void might_sleep(const char *what);
 void check_held_in_freed(const void *p, std::size_t size);
+// Failure if the caller has a lock to itself that such operations of disks take: it is about to wait for
+// them, and they may be waiting for the lock.
+inline constexpr unsigned kByOpen = 1;     // open and release
+inline constexpr unsigned kByRequest = 2;  // the make-request function
+void check_waits_for(unsigned uses, const char *function);
 // Failure if the task holds locks or stands on a wait queue beyond what `before` says.
 struct Depth {
     unsigned held, entries, spins;
@@ -300,6 +310,10 @@ void mem_own(void *p);  // belongs to the simulated machine: no leak of the driv
 std::string mem_leaks();
 void mem_drop_all();
 void mem_check_freed();  // nothing wrote to freed memory
+
+// ---- freeze.cpp
+// A call on a file: what the file system under it asks of its device for that.
+void touch_host(const std::string &path, Fault kind);
 
 // ---- disk.cpp, device.cpp, node.cpp
 bool irq_deliver();  // serves one request of a disk; false: none

@@ -3,6 +3,9 @@
 //
 // Order     whoever holds rank r takes only higher ranks, or the very same sleeping lock again.
 //           An interrupt starts with nothing held: what it interrupted does not wait for it.
+// Disks     the kernel opens, closes and takes away a disk under a mutex of its own, and waits for the
+//           requests of one that goes, for writes when it freezes. Nobody calls that with a lock to
+//           himself that those operations take.
 // Contexts  a class taken in interrupts must never be held with interrupts enabled: sooner or later
 //           the interrupt would come on the processor that holds it.
 #include "os/lock.h"
@@ -36,10 +39,11 @@ void check_order(const os_task &task, const os_lock_class *cls, const void *lock
              worst->cls->name, worst->cls->rank, task.comm);
 }
 
-void push_held(os_task &task, const os_lock_class *cls, const void *lock, bool spin) {
+void push_held(os_task &task, const os_lock_class *cls, const void *lock, bool spin,
+               bool exclusive) {
     if (task.held_count == task.held.size())
         fail("%s holds %u locks", task.comm, task.held_count);
-    task.held[task.held_count++] = {cls, lock, spin};
+    task.held[task.held_count++] = {cls, lock, spin, exclusive};
 }
 
 // A spin lock may be the first field of the sleeping lock that it serves: same address, other kind.
@@ -69,6 +73,19 @@ void note_interrupt_use(const os_lock_class *cls, unsigned use) {
     k.irq_use.emplace_back(cls, use);
 }
 
+void note_disk_use(const os_task &task, const os_lock_class *cls) {
+    const unsigned use = (task.in_open ? kByOpen : 0) | (task.in_make_request ? kByRequest : 0);
+    if (use == 0)
+        return;
+    for (auto &entry : kernel().disk_use) {
+        if (entry.first != cls)
+            continue;
+        entry.second |= use;
+        return;
+    }
+    kernel().disk_use.emplace_back(cls, use);
+}
+
 void check_spin(const os_spinlock *lock, const char *function) {
     if (lock->magic != kSpinMagic)
         fail("%s: the spin lock was not initialised or is gone", function);
@@ -92,7 +109,7 @@ void spin_acquire(os_spinlock *lock, bool irq_saved) {
     lock->owner = &task;
     lock->irq_saved = irq_saved;
     task.spin_depth++;
-    push_held(task, lock->cls, lock, true);
+    push_held(task, lock->cls, lock, true, true);
 }
 
 void spin_release(os_spinlock *lock, bool irq_saved, const char *function) {
@@ -123,6 +140,18 @@ void might_sleep(const char *what) {
     if (task.marked)
         fail("%s may sleep, and is called by %s between os_prepare_to_wait and os_schedule", what,
              task.comm);
+}
+
+void check_waits_for(unsigned uses, const char *function) {
+    const os_task &task = self();
+    for (unsigned i = 0; i < task.held_count; i++) {
+        const Held &held = task.held[i];
+        for (const auto &[cls, use] : kernel().disk_use)
+            if (cls == held.cls && held.exclusive && (use & uses))
+                fail("%s is called by %s with %s held, which operations of disks that it waits for "
+                     "take",
+                     function, task.comm, cls->name);
+    }
 }
 
 void check_held_in_freed(const void *p, std::size_t size) {
@@ -158,11 +187,11 @@ using namespace sim;
 extern "C" {
 
 void os_lock_acquire(const struct os_lock_class *cls, const void *lock, enum os_lock_mode mode) {
-    (void)mode;
     might_sleep("a sleeping lock");
     os_task &task = self();
     check_order(task, cls, lock, false);
-    push_held(task, cls, lock, false);
+    note_disk_use(task, cls);
+    push_held(task, cls, lock, false, mode == OS_LOCK_EXCLUSIVE);
     point();
 }
 

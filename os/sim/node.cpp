@@ -195,12 +195,18 @@ void os_del_gendisk(struct os_disk *disk) {
     might_sleep("os_del_gendisk");
     os_disk &d = checked(disk, "os_del_gendisk");
     point();
+    check_waits_for(kByOpen | kByRequest, "os_del_gendisk");
     if (!d.visible)
         fail("os_del_gendisk: %s was not added, or was taken away already", d.name);
     d.visible = false;
     d.gone = true;
     kernel().nodes.erase(os_mkdev(d.major, d.first_minor));
     point();
+    if (kernel().rng.below(2) == 0)
+        return;
+    device_shut(d);
+    while (d.queue->calls)
+        wait_in(d.queue->idle, Wait::kRemoval, disk);
 }
 
 void os_cleanup_queue(struct os_queue *queue) {

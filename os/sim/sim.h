@@ -213,6 +213,9 @@ int wait_request(Request *request, Bytes *data);  // frees it; data (may be null
 void attach_file_system(os_dev_t dev);
 void wait_while_frozen(os_dev_t dev);
 bool is_frozen(os_dev_t dev);
+// Files below the folder lie on the file system on this device: whatever is done to them reads or writes
+// the device too, in a task that the caller waits for. Null ends it.
+void host_files(const std::string &dir, os_bdev *bdev);
 // What the file system itself writes when it is frozen, in the task that freezes.
 void on_freeze(os_dev_t dev, std::function<void()> fn);
 

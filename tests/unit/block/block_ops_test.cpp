@@ -127,7 +127,7 @@ TEST(block_ops, ioctl_of_a_node_without_a_record_or_a_disk_is_refused) {
 }
 
 TEST(block_ops, opens_race_with_start_stop_and_delete) {
-    sim::for_each_seed(60, [](std::uint64_t seed) {
+    sim::for_each_seed(40, [](std::uint64_t seed) {
         Machine machine;
         sim::Options options;
         options.seed = seed;
@@ -159,6 +159,68 @@ TEST(block_ops, opens_race_with_start_stop_and_delete) {
                     sim::join(task);
                 EXPECT_EQ(node(0)->use_cnt.load(), 0);
                 EXPECT_EQ(sim::module_references(), 0);
+            },
+            1, options);
+    });
+}
+
+// The kernel opens a disk, closes it and takes it away under a mutex of its own.
+TEST(block_ops, opens_and_deletions_at_once_never_wait_for_each_other) {
+    sim::for_each_seed(40, [](std::uint64_t seed) {
+        Machine machine;
+        sim::Options options;
+        options.seed = seed;
+        boot(
+            machine,
+            [&] {
+                std::vector<sim::Process *> tasks;
+                for (int i = 0; i < 2; ++i)
+                    tasks.push_back(sim::spawn("opener", [] {
+                        for (int n = 0; n < 8; ++n) {
+                            int err = 0;
+                            if (os_bdev *bdev = open_node(0, &err))
+                                sim::close_device(bdev);
+                            else
+                                EXPECT_TRUE(err == -ENXIO || err == -EINVAL || err == -EIO) << err;
+                        }
+                    }));
+                for (int n = 0; n < 4; ++n) {
+                    EXPECT_EQ(add_filter(0), 0);
+                    EXPECT_EQ(start(0), 0);
+                    sim::yield();
+                    while (del(0) == -EBUSY)
+                        sim::yield();
+                }
+                for (sim::Process *task : tasks)
+                    sim::join(task);
+                EXPECT_TRUE(sim::nodes().empty());
+            },
+            1, options);
+    });
+}
+
+TEST(block_ops, minor_of_an_orphan_is_freed_while_others_try_to_open_it) {
+    sim::for_each_seed(40, [](std::uint64_t seed) {
+        Machine machine;
+        machine.storage.add_disk("sdc", os_mkdev(8, 48), kDiskSize, 512);
+        sim::Options options;
+        options.seed = seed;
+        boot(
+            machine,
+            [&] {
+                ASSERT_EQ(add_filter(0), 0);
+                ASSERT_EQ(start(0), 0);
+                ASSERT_EQ(add_filter(0, 4096, "/dev/sdc"), -EINVAL);
+                sim::Process *opener = sim::spawn("opener", [] {
+                    for (int n = 0; n < 8; ++n) {
+                        EXPECT_EQ(open_node(0),
+                                  nullptr);  // the orphan, or the new node, not started
+                    }
+                });
+                EXPECT_EQ(add_filter(0, 4096, "/dev/sdc"), 0);
+                sim::join(opener);
+                EXPECT_EQ(start(0), 0);
+                EXPECT_EQ(write_node(0, 0, 1), 0);
             },
             1, options);
     });

@@ -83,17 +83,22 @@ TEST(lifecycle, nodes_in_use_are_neither_stopped_nor_deleted) {
         EXPECT_EQ(del(0), -EBUSY);
         EXPECT_EQ(node(0)->started, 1u);
         // The destroy itself refuses too, with a text of its own.
+        trak_list leaving;
+        trak_list_init(&leaving);
         {
+            const zumutex_guard nodes(&trak_nodes_mutex);
             const zuwrite_guard table(&trak_blkdev_rwlock);
-            EXPECT_EQ(trak_block_destroy_device(node(0), 1), -EBUSY);
+            EXPECT_EQ(trak_block_destroy_device(node(0), &leaving), -EBUSY);
         }
         EXPECT_TRUE(logged_error("trak_block_destroy_device(): trak(100, 0)is still being used."));
         sim::close_device(bdev);
         {
+            const zumutex_guard nodes(&trak_nodes_mutex);
             const zuwrite_guard table(&trak_blkdev_rwlock);
-            EXPECT_EQ(trak_block_destroy_device(node(0), 1), -EBUSY);
-            EXPECT_EQ(trak_block_destroy_device(nullptr, 1), -EINVAL);
+            EXPECT_EQ(trak_block_destroy_device(node(0), &leaving), -EBUSY);
+            EXPECT_EQ(trak_block_destroy_device(nullptr, &leaving), -EINVAL);
         }
+        EXPECT_TRUE(trak_list_empty(&leaving));
         EXPECT_TRUE(logged_error(
             "trak_block_destroy_device(): Can't destroy started trak(100, 0). Stop it first!"));
         EXPECT_TRUE(logged_error("trak_block_destroy_device(): Internal error: dev==NULL"));

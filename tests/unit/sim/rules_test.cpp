@@ -312,6 +312,50 @@ TEST(sim_rules, an_allocation_that_may_wait_for_io_in_a_request_is_found) {
     EXPECT_SAYS(text, "os_kmalloc with OS_GFP_KERNEL on behalf of a request");
 }
 
+// A disk of a driver whose open operation and make-request function take a lock of its own.
+struct LockedDisk {
+    static constexpr os_lock_class kClass{"driver lock", 30};
+    static int open(os_bdev *, std::uint32_t) {
+        os_lock_acquire(&kClass, &kClass, OS_LOCK_SHARED);
+        os_lock_release(&kClass, &kClass);
+        return 0;
+    }
+    static int request(os_queue *, os_bio *bio) {
+        os_bio_endio(bio, 0);
+        return 0;
+    }
+    static constexpr os_block_device_operations kOps{open, nullptr, nullptr};
+    os_disk *disk = os_alloc_disk(1);
+    os_queue *queue = os_alloc_queue(OS_GFP_KERNEL);
+    std::uint32_t major = static_cast<std::uint32_t>(os_register_blkdev(0, "locked"));
+
+    LockedDisk() {
+        os_queue_make_request(queue, request);
+        os_disk_setup(disk, major, 0, "locked", &kOps);
+        os_disk_set_capacity(disk, 8);
+        os_disk_set_queue(disk, queue);
+        EXPECT_EQ(os_add_disk(disk), 0);
+    }
+    // Opens it once, then takes it away with the lock held in this mode.
+    void use(os_lock_mode mode) {
+        int err = 0;
+        os_bdev *bdev = sim::open_device(os_mkdev(major, 0), OS_FMODE_READ, &err);
+        sim::close_device(bdev);
+        os_lock_acquire(&kClass, &kClass, mode);
+        os_del_gendisk(disk);
+        os_lock_release(&kClass, &kClass);
+        os_cleanup_queue(queue);
+        os_put_disk(disk);
+        os_unregister_blkdev(major, "locked");
+    }
+};
+
+TEST(sim_rules, taking_a_disk_away_under_a_lock_that_opening_it_takes_is_found) {
+    EXPECT_SAYS(failure_of([] { LockedDisk().use(OS_LOCK_EXCLUSIVE); }),
+                "os_del_gendisk is called by test with driver lock held");
+    EXPECT_EQ(failure_of([] { LockedDisk().use(OS_LOCK_SHARED); }), "");
+}
+
 TEST(sim_rules, a_bug_check_of_the_driver_ends_the_world) {
     EXPECT_SAYS(failure_of([] { OS_BUG_ON(1 + 1 == 2); }), "BUG at ");
 }

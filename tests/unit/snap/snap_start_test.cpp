@@ -95,14 +95,13 @@ TEST(snap_start, filter_and_its_thread_are_started_with_it) {
 TEST(snap_start, file_system_of_the_filter_is_frozen_and_thawed) {
     with_snap([](Machine &) {
         bool frozen = false;
+        os_bdev *mounted = open_node(0);
         sim::on_freeze(node_dev(0), [&] {
             frozen = true;
-            os_bdev *bdev = open_node(0);  // what the file system writes itself when it is frozen
-            EXPECT_EQ(sim::write_device(bdev, 0, Bytes(512, 0xee)), 0);
-            sim::close_device(bdev);
+            // What the file system writes itself when it is frozen.
+            EXPECT_EQ(sim::write_device(mounted, 0, Bytes(512, 0xee)), 0);
             EXPECT_FALSE(is_started(1));
         });
-        os_bdev *mounted = open_node(0);
         ASSERT_EQ(start(1), 0);
         EXPECT_TRUE(frozen);
         EXPECT_FALSE(sim::is_frozen(node_dev(0)));
