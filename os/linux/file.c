@@ -27,13 +27,14 @@ struct os_file *os_filp_open(const char *path, int flags, int mode) {
     return (struct os_file *)filp_open(path, flags | O_LARGEFILE | O_NOCTTY | O_NONBLOCK, mode);
 }
 
-// A process lets its files go on its way back to user space; a thread and a process that ends never go
-// there, and the kernel would close them some time later, with the file system busy until then.
+// A process lets its files go on its way back to user space; a thread never goes there, and the kernel
+// would close them some time later, with the file system busy until then. (So it does for a process that
+// ends, for which there is no other way.)
 int os_filp_close(struct os_file *file) {
     struct file *real = real_file(file);
     int rc = 0;
 
-    if (!(current->flags & (PF_KTHREAD | PF_EXITING)))
+    if (!(current->flags & PF_KTHREAD))
         return filp_close(real, NULL);
     if (real->f_op->flush)
         rc = real->f_op->flush(real, NULL);
