@@ -4,6 +4,7 @@
 """See CONTRIBUTING.md, "Tests in a virtual machine"."""
 import argparse
 import os
+import random
 import shutil
 import signal
 import sys
@@ -12,7 +13,7 @@ import time
 
 import vm_kernels
 from vm_initramfs import Initramfs
-from vm_machine import QEMU, Machine, Timeout, faults_in
+from vm_machine import QEMU, Machine, Timeout, console_in, faults_in
 from vm_report import CannotRun, Report, in_ci, note, warn
 from vm_suites import BIN, HERE, SUITES
 
@@ -68,20 +69,27 @@ def initramfs_of(suite, kernel):
         initramfs.file(f"suites/{name}", f"{HERE}/guest/{name}")
     initramfs.program(f"{BIN}/vm_tool")
     for name in suite.tools:
-        initramfs.program(name)
+        initramfs.program(f"{BIN}/{name}" if name == "trakctl" else name)
     initramfs.kernel_modules(kernel, suite.modules)
     suite.files(initramfs)
+    if suite.needs_trak:
+        suite.trak_module(kernel, initramfs)
     return initramfs
 
 
-def boot(machine, suite, report, limit):
-    """One boot: the guest's lines go to the report; true when it ended in order."""
+def boot(machine, suite, report, limit, cut_after):
+    """One boot: the guest's lines go to the report; true when it ended as it should: in order, or,
+    where cut_after is given, by a power cut so many seconds after the guest's line "cut"."""
     ended = False
     machine.start()
     try:
         for line in machine.lines(limit):
             if line.strip() == "end":
-                ended = True
+                ended = cut_after is None
+            elif line.strip() == "cut" and cut_after is not None:
+                time.sleep(cut_after)
+                ended = machine.process.poll() is None
+                break
             elif not report.line(line):
                 print(f"   {line}", flush=True)
     except Timeout as what:
@@ -97,13 +105,32 @@ def boot(machine, suite, report, limit):
     if faults:
         report.fail(f"{suite.name}.kernel_log_is_clean", "see below")
         print(faults)
-    else:
+        return False
+    if cut_after is None:
         report.ok(f"{suite.name}.kernel_log_is_clean")
     return ended
 
 
 def tail(text):
     return "\n".join(text.splitlines()[-60:])
+
+
+def machine_of(kernel, suite, disks, words):
+    return Machine(kernel, f"{suite.folder}/initramfs", disks, suite.folder, words,
+                   suite.memory_mib)
+
+
+def boots(kernel, suite, disks, report, deadline):
+    """The boots of a suite, the last of which ends in order."""
+    dice = random.Random(f"{suite.name} {kernel.series}")
+    for number in range(suite.cuts + 1):
+        last = number == suite.cuts
+        words = f"suite={suite.name} round={number} last={int(last)}"
+        cut_after = None if last else dice.uniform(0.2, 5)
+        if not boot(machine_of(kernel, suite, disks, words), suite, report,
+                    deadline.within(suite.limit), cut_after):
+            return False
+    return True
 
 
 def run_suite(name, kernel, report, options, deadline):
@@ -114,14 +141,12 @@ def run_suite(name, kernel, report, options, deadline):
         suite = SUITES[name](folder, options.long)
         disks = suite.disks()
         initramfs_of(suite, kernel).write(f"{folder}/initramfs")
-        machine = Machine(kernel, f"{folder}/initramfs", disks, folder, memory_mib=suite.memory_mib,
-                          words=f"suite={'shell' if options.shell else name}")
         if options.shell:
-            machine.shell()
-        elif boot(machine, suite, report, deadline.within(suite.limit)):
+            machine_of(kernel, suite, disks, "suite=shell").shell()
+        elif boots(kernel, suite, disks, report, deadline):
             suite.check(report)
         if report.count("not ok") > bad and not options.shell:
-            print(f"--- the end of the guest's console\n{tail(machine.console())}")
+            print(f"--- the end of the guest's console\n{tail(console_in(folder))}")
     except CannotRun as why:
         report.skip(f"{name}.runs", str(why))
     except (AssertionError, OSError) as why:

@@ -41,11 +41,16 @@ class Initramfs:
             self.put(name, file.read(), mode)
 
     def program(self, path):
-        """A program by its path or by its name, with the libraries that it is linked with."""
+        """A program by its path or by its name, with the libraries that it is linked with. Those of
+        the kind mke2fs and e2fsck also get the names that go with one file system."""
         found = path if "/" in path else shutil.which(path, path="/usr/sbin:/usr/bin:/sbin:/bin")
         if not found or not os.path.exists(found):
             raise CannotRun(f"there is no program {path}")
         self.file(f"bin/{os.path.basename(found)}", found, 0o100755)
+        if os.path.basename(found) in ("mke2fs", "e2fsck"):
+            for kind in ("ext3", "ext4"):
+                prefix = "mkfs" if found.endswith("mke2fs") else "fsck"
+                self.link(f"bin/{prefix}.{kind}", os.path.basename(found))
         done = subprocess.run(["ldd", found], capture_output=True, text=True, timeout=60,
                               check=False)
         for library in re.findall(r"(/\S+) \(0x", done.stdout):

@@ -6,8 +6,10 @@
         vmlinux          as the virtual machine starts it (the packed one costs seconds to unpack)
         lib/modules/RELEASE/  the modules that a guest without a screen, sound or network may need
 
-Once a release of the series is there it is taken without a look at the network; `update` asks for
-a newer one. A release is unpacked beside its place and renamed into it, so what is there is whole.
+Where TRAK_VM_RELEASES names a release of the series (./run names those that it built the module for)
+it is that one; otherwise the newest that is in the cache, and only where there is none, or `update`
+asks for it, the newest that the package lists have. A release is
+unpacked beside its place and renamed into it, so what is there is whole.
 """
 import fcntl
 import glob
@@ -52,6 +54,12 @@ def newest(series, names, form):
     return max(found, key=lambda match: int(match[2]))[1] if found else None
 
 
+def wanted(series):
+    """The release that the environment asks for."""
+    releases = os.environ.get("TRAK_VM_RELEASES", "").split()
+    return newest(series, releases, "linux-image-{}")
+
+
 def cached(series):
     releases = [os.path.basename(path[:-len("/vmlinux")])
                 for path in glob.glob(f"{cache()}/*/vmlinux")]
@@ -63,6 +71,11 @@ def get(series, update=False):
     """The kernel of a series; CannotRun says why it can't be had."""
     with open(f"{cache()}/.lock", "w", encoding="utf-8") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
+        release = wanted(series)
+        if release:
+            if not os.path.exists(f"{cache()}/{release}/vmlinux"):
+                fetch(release)
+            return Kernel(series, release, f"{cache()}/{release}")
         have = cached(series)
         if have and not update:
             return have

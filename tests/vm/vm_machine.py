@@ -43,7 +43,7 @@ class Machine:
 
     def __init__(self, kernel, initramfs, disks, folder, words="", memory_mib=1024,
                  mitigations="off"):
-        self.console_path = f"{folder}/console.log"
+        self.folder = folder
         command = [QEMU, "-accel", "tcg,thread=multi", "-machine", "pc", "-cpu", "max,la57=off",
                    "-smp", "2", "-m", f"{memory_mib}M", "-nodefaults", "-display", "none",
                    "-no-reboot", "-kernel", kernel.image, "-initrd", initramfs, "-append",
@@ -57,7 +57,7 @@ class Machine:
         self.pending = b""
 
     def start(self):
-        command = [*self.command, "-monitor", "none", "-serial", f"file:{self.console_path}",
+        command = [*self.command, "-monitor", "none", "-serial", f"file:{self.folder}/console.log",
                    "-serial", "stdio"]
         self.process = subprocess.Popen(  # pylint: disable=consider-using-with
             command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
@@ -97,11 +97,16 @@ class Machine:
             self.process.wait(60)
 
     def console(self):
-        try:
-            with open(self.console_path, encoding="utf-8", errors="replace") as file:
-                return file.read()
-        except FileNotFoundError:
-            return ""
+        return console_in(self.folder)
+
+
+def console_in(folder):
+    """What the last guest in this folder wrote on its console."""
+    try:
+        with open(f"{folder}/console.log", encoding="utf-8", errors="replace") as file:
+            return file.read()
+    except FileNotFoundError:
+        return ""
 
 
 def faults_in(console, allowed=None):

@@ -1,7 +1,7 @@
 # tests/vm/vm_suites.py: the suites: what each needs, how its disks are made, what the host checks after
 # SPDX-License-Identifier: GPL-2.0-only
-"""A suite is a class with the same name in lower case as guest/NAME.sh. The machine of one suite is
-one boot (or several, see Suite.run)."""
+"""A suite is a class with the same name in lower case as guest/NAME.sh. A suite takes
+one boot, or several on the same disks."""
 import os
 import subprocess
 
@@ -9,6 +9,7 @@ from vm_report import CannotRun
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BIN = os.environ.get("TRAK_BIN_DIR") or os.path.join(HERE, "..", "..", "build", "bin")
+TOP = os.path.normpath(os.path.join(HERE, "..", ".."))
 MIB = 1 << 20
 
 
@@ -31,6 +32,15 @@ def tool(*words, limit=300):
     return done.stdout
 
 
+def report_clean(report, test, *words):
+    """A test that a checking program is content with a disk."""
+    try:
+        tool(*words)
+        report.ok(test)
+    except AssertionError as why:
+        report.fail(test, str(why).replace("\n", "; "))
+
+
 class Suite:
     """What is common to all."""
 
@@ -42,6 +52,7 @@ class Suite:
     tools = ()            # programs put into the guest
     memory_mib = 1024
     limit = 900           # seconds for one boot, on a machine ten times slower than yours
+    cuts = 0              # boots that end with the power, before the one that ends in order
     allowed = None        # lines of the kernel's log that are no fault here
 
     def __init__(self, folder, long):
@@ -53,6 +64,15 @@ class Suite:
 
     def files(self, initramfs):
         """Puts what else the guest needs."""
+
+    def trak_module(self, kernel, initramfs):
+        """The module for this kernel, and its tests, as `./run build kernel` makes them."""
+        built = f"{TOP}/build/kernel/{kernel.release}"
+        if not os.path.exists(f"{built}/trak.ko"):
+            raise AssertionError(f"there is no trak.ko for {kernel.release}: ./run build kernel")
+        for name in os.listdir(built):
+            if name.endswith(".ko"):
+                initramfs.file(f"lib/modules/{name}", f"{built}/{name}")
 
     def check(self, report):
         """What the host looks at after a boot that ended in order."""
@@ -120,4 +140,109 @@ class Aged(Suite):
                 report.fail(test, "the readers and the tools disagree; see above")
 
 
-SUITES = {suite.name: suite for suite in (Aged,)}
+class OnTrak(Suite):
+    """A suite of the module: disk 0 is filtered, disk 1 (ext4) has the bitmap files and COW files."""
+
+    modules = ("crc32c_generic", *Suite.modules, "ext4")
+    tools = ("trakctl",)
+    disk_mib, maps_mib = 64, 128
+
+    def disks(self):
+        maps = make_disk(f"{self.folder}/maps.img", self.maps_mib * MIB)
+        tool("mke2fs", "-q", "-F", "-t", "ext4", maps)
+        return [make_disk(f"{self.folder}/disk.img", self.disk_mib * MIB), maps]
+
+
+class Module(OnTrak):
+    """Loading and unloading."""
+
+    name = "module"
+    about = "load, unload, reload, wrong parameters; nothing is left"
+    tools = (*OnTrak.tools, "mke2fs", "e2fsck")
+
+    def files(self, initramfs):
+        initramfs.put("etc/reloads", b"50\n" if self.long else b"10\n")
+
+
+class Fs(OnTrak):
+    """Every file system, on a node."""
+
+    name = "fs"
+    about = "tracking and snapshots under ext3, ext4, XFS with and without checksums, ReiserFS"
+    modules = (*OnTrak.modules, "xfs", "reiserfs")
+    limit = 1200
+    # name, kind, how it is made, how it is checked, how a snapshot is mounted
+    KINDS = (
+        ("ext3", "ext4", "mke2fs -q -F -t ext3 -j", "e2fsck -f -n", "ro,noload"),
+        ("ext4", "ext4", "mke2fs -q -F -t ext4", "e2fsck -f -n", "ro,noload"),
+        ("xfs", "xfs", "mkfs.xfs --unsupported -q -f -m crc=1", "xfs_repair -n -f",
+         "ro,norecovery,nouuid"),
+        ("xfs-v4", "xfs", "mkfs.xfs --unsupported -q -f -m crc=0,finobt=0", "xfs_repair -n -f",
+         "ro,norecovery,nouuid"),
+        ("reiserfs", "reiserfs", "mkreiserfs -q -f", "reiserfsck --check --yes", "ro"),
+    )
+
+    def path(self, name):
+        return f"{self.folder}/{name}.img"
+
+    def disks(self):
+        made = super().disks()
+        for name, _, make, *_ in self.KINDS:
+            made.append(make_disk(self.path(name), 96 * MIB))
+            tool(*make.split(), made[-1])
+        return made
+
+    def files(self, initramfs):
+        initramfs.put("etc/fs", "".join(
+            f"{number} {name} {kind} {options}\n"
+            for number, (name, kind, _, _, options) in enumerate(self.KINDS, 2)).encode())
+
+    def check(self, report):
+        for name, _, _, check, _ in self.KINDS:
+            report_clean(report, f"fs.{name}.is_clean_afterwards", *check.split(),
+                         self.path(name))
+
+
+class Faults(OnTrak):
+    """What fails below, and lack of memory."""
+
+    name = "faults"
+    about = "full and failing disks below the filter and the COW files; memory pressure"
+    modules = (*OnTrak.modules, "dm_mod", "dm_flakey")
+    tools = (*OnTrak.tools, "dmsetup")
+
+    def disks(self):
+        tight = make_disk(f"{self.folder}/tight.img", 8 * MIB)
+        tool("mke2fs", "-q", "-F", "-t", "ext4", tight)
+        return [*super().disks(), tight]
+
+
+class Io(OnTrak):
+    """fio, which finds every byte that is not what it wrote."""
+
+    name = "io"
+    about = "fio with verification while snapshots come and go"
+    tools = (*OnTrak.tools, "fio")
+    disk_mib, maps_mib = 64, 256
+
+    def files(self, initramfs):
+        initramfs.put("etc/io", b"60 4\n" if self.long else b"24 1\n")
+
+
+class Power(OnTrak):
+    """QEMU is killed at random moments, and the guest booted again on the same disks."""
+
+    name = "power"
+    about = "power cuts while a filter with a snapshot is written"
+    maps_mib = 160
+
+    def __init__(self, folder, long):
+        super().__init__(folder, long)
+        self.cuts = 20 if long else 2
+
+    def check(self, report):
+        report_clean(report, "power.maps_are_clean_afterwards", "e2fsck", "-f", "-n",
+                     f"{self.folder}/maps.img")
+
+
+SUITES = {suite.name: suite for suite in (Aged, Module, Fs, Faults, Io, Power)}

@@ -5,6 +5,9 @@
 stty -F /dev/ttyS1 raw -echo 2>/dev/null
 exec 3>/dev/ttyS1
 
+# A suite may name a function that takes down what a test left; it runs after each.
+cleanup=
+
 # try SUITE.WHAT_HOLDS COMMAND...: one test: the command (mostly a function) in a shell of its own
 # that ends at the first thing that fails. What it printed last is the reason.
 try() {
@@ -13,6 +16,7 @@ try() {
   echo "--- $name"
   (
     set -eu
+    [ -z "$cleanup" ] || trap 'leave $?' EXIT
     "$@"
   ) >/tmp/out 2>&1 3>&-
   status=$?
@@ -22,6 +26,17 @@ try() {
   77) echo "skip $name: $(why)" >&3 ;;
   *) echo "not ok $name: $(why) (status $status)" >&3 ;;
   esac
+}
+
+# leave STATUS: what the test left is taken down; that it can't be is a failure too.
+leave() {
+  trap - EXIT
+  set +e
+  ("$cleanup" >/tmp/left 2>&1)
+  left=$?
+  [ "$1" = 0 ] || exit "$1"
+  [ $left = 0 ] || echo "not taken down: $(cat /tmp/left)"
+  exit $left
 }
 
 # The last lines of the test's output as one.
@@ -42,12 +57,20 @@ refuse() {
   if "$@"; then fail "was not refused: $*"; fi
 }
 
+# Seconds since the start.
+uptime_s() {
+  local now rest
+  # shellcheck disable=SC2034  # read takes the line apart
+  read -r now rest </proc/uptime
+  echo "${now%.*}"
+}
+
 # eventually COMMAND...: until it holds, two minutes at most.
 eventually() {
-  local n=0
+  local end
+  end=$(($(uptime_s) + 120))
   until "$@"; do
-    n=$((n + 1))
-    [ $n -lt 1200 ] || fail "does not come true: $*"
+    [ "$(uptime_s)" -lt $end ] || fail "does not come true: $*"
     usleep 100000
   done
 }

@@ -19,6 +19,12 @@ struct Command {
 
 constexpr Command kCommands[] = {
     {"age", 4, age, "age FOLDER SEED FILES BYTES: fills a file system with holes"},
+    {"hash", 3, hash, "hash DISK EXTENT FILE: eight bytes an extent"},
+    {"changed", 4, changed, "changed BEFORE AFTER BITS PERCENT: is every change marked?"},
+    {"scribble", 4, scribble, "scribble DISK SEED COUNT BYTES: writes at random, past the cache"},
+    {"sums", 1, sums, "sums FOLDER: what every file holds"},
+    {"churn", 3, churn, "churn FOLDER SEED STOP: changes files until there is a file STOP"},
+    {"eat", 2, eat, "eat MIB STOP: fills memory until there is a file STOP"},
 };
 
 }  // namespace

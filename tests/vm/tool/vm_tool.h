@@ -15,6 +15,12 @@ namespace vm_tool {
 using Words = std::vector<std::string>;
 
 int age(const Words &words);
+int hash(const Words &words);
+int changed(const Words &words);
+int scribble(const Words &words);
+int sums(const Words &words);
+int churn(const Words &words);
+int eat(const Words &words);
 
 // Ends the program: what failed, and errno's meaning.
 [[noreturn]] void die(const std::string &what);

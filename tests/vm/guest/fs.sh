@@ -1,0 +1,98 @@
+# tests/vm/guest/fs.sh: change tracking and snapshots under mounted file systems
+# SPDX-License-Identifier: GPL-2.0-only
+# shellcheck shell=dash
+# shellcheck source=tests/vm/guest/trak.sh
+. /suites/trak.sh
+# etc/fs: one line per disk: NUMBER NAME KIND OPTIONS, the last for mounting a snapshot.
+
+extent=16384
+
+mount_node() {
+  mkdir -p /mnt/node
+  mount -t "$1" /dev/trak/trak0 /mnt/node
+}
+
+# What the disk holds now, past every cache.
+look() { vm_tool hash "$(disk "$1")" $extent "$2"; }
+
+# Every extent that is another one on the disk is marked, and the map is no empty caution.
+tracks() {
+  local number=$1 kind=$2
+  mount_maps
+  load
+  add_filter $extent "$number"
+  trakctl bitmap clear 0 incr
+  trakctl bitmap clear 0 diff
+  look "$number" /tmp/before
+  mount_node "$kind"
+  vm_tool age /mnt/node 1 300 6000
+  cp -r /mnt/node/d0 /mnt/node/copied
+  sync
+  umount /mnt/node
+  look "$number" /tmp/after
+  trakctl bitmap get-clear 0 incr --file /tmp/incr
+  trakctl bitmap get 0 diff --file /tmp/diff
+  vm_tool changed /tmp/before /tmp/after /tmp/incr 80
+  vm_tool changed /tmp/before /tmp/after /tmp/diff 80
+  # From the moment of the first map on, in the incremental one alone.
+  mount_node "$kind"
+  rm -r /mnt/node/copied
+  umount /mnt/node
+  look "$number" /tmp/last
+  trakctl bitmap get 0 incr --file /tmp/incr
+  trakctl bitmap get 0 diff --file /tmp/diff
+  vm_tool changed /tmp/after /tmp/last /tmp/incr 60
+  vm_tool changed /tmp/before /tmp/last /tmp/diff 80
+}
+
+# show MINOR KIND OPTIONS SUMS: the snapshot's files are those of SUMS.
+show() {
+  mkdir -p "/mnt/snap$1"
+  mount -t "$2" -o "$3" "/dev/trak/trak$1" "/mnt/snap$1"
+  vm_tool sums "/mnt/snap$1/tree" >/tmp/shown
+  umount "/mnt/snap$1"
+  [ -s /tmp/shown ]
+  cmp /tmp/shown "$4"
+}
+
+# Trees that nobody writes while a snapshot starts are in it as they were, whatever becomes of them
+# afterwards, and whatever a program that never rests does beside them.
+snapshots() {
+  local number=$1 kind=$2 options=$3 writer
+  mount_maps
+  load
+  add_filter $extent "$number"
+  mount_node "$kind"
+  mkdir /mnt/node/tree /mnt/node/other /mnt/node/new
+  vm_tool age /mnt/node/tree 2 240 9000
+  rm -f /tmp/stop
+  vm_tool churn /mnt/node/other 3 /tmp/stop &
+  writer=$!
+  vm_tool sums /mnt/node/tree >/tmp/sums1
+  add_snap 1 4K
+  trakctl start 1
+  rm -r /mnt/node/tree/d0
+  vm_tool age /mnt/node/tree 4 160 9000
+  vm_tool sums /mnt/node/tree >/tmp/sums2
+  add_snap 2 4K
+  trakctl start 2
+  show 1 "$kind" "$options" /tmp/sums1
+  rm -r /mnt/node/tree/d0
+  vm_tool age /mnt/node/new 5 300 9000
+  show 2 "$kind" "$options" /tmp/sums2
+  show 1 "$kind" "$options" /tmp/sums1
+  touch /tmp/stop
+  wait $writer
+  sync
+  show 2 "$kind" "$options" /tmp/sums2
+  trakctl info 1
+  [ "$(info 1 valid)" = true ]
+  trakctl delete 1
+  trakctl delete 2
+  umount /mnt/node
+}
+
+while read -r number name kind options; do
+  try "fs.$name.every_change_is_marked" tracks "$number" "$kind"
+  try "fs.$name.snapshots_hold_their_files_under_load" snapshots "$number" "$kind" "$options"
+done </etc/fs

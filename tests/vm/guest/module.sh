@@ -1,0 +1,131 @@
+# tests/vm/guest/module.sh: the module comes and goes, and leaves nothing
+# SPDX-License-Identifier: GPL-2.0-only
+# shellcheck shell=dash
+# shellcheck source=tests/vm/guest/trak.sh
+. /suites/trak.sh
+
+loads() {
+  nothing_left
+  load
+  for file in chr_major debug blk_major; do
+    [ -r "/proc/trak/$file" ] || fail "there is no /proc/trak/$file"
+  done
+  [ "$(cat /sys/module/trak/parameters/trak_debug)" = 1 ]
+  [ "$(cat /sys/module/trak/parameters/trak_max_blk_minor)" = 255 ]
+  [ "$(grep -cw trak /proc/devices)" = 2 ] || fail "/proc/devices: $(cat /proc/devices)"
+  eventually thread kdirtyd
+  trakctl list
+  [ "$(stat -c %a /dev/trakctl)" = 600 ]
+  unload
+}
+
+describes_itself() {
+  load
+  grep -q 'Block Filtering and Snap Driver' /lib/modules/trak.ko
+  trakctl debug 3
+  [ "$(cat /proc/trak/debug)" = 3 ]
+  [ "$(cat /sys/module/trak/parameters/trak_debug)" = 3 ]
+}
+
+reloads() {
+  local n=0
+  while [ $n -lt "$1" ]; do
+    load
+    unload
+    n=$((n + 1))
+  done
+}
+
+# A parameter that is no number; a major that somebody else has, of either kind.
+wrong_parameters() {
+  refuse load_with trak_debug=loud
+  nothing_left
+  refuse load_with trak_blk_major="$(sed -n 's/^ *\([0-9]*\) virtblk$/\1/p' /proc/devices)"
+  nothing_left
+  refuse load_with trak_chr_major=1
+  nothing_left
+}
+
+dynamic_major() {
+  load_with trak_chr_major=0
+  major=$(cat /proc/trak/chr_major)
+  [ "$major" != 0 ]
+  grep -q "^ *$major trak$" /proc/devices
+  trakctl list
+  unload
+}
+
+# A node that is open, and the control device that is, hold the module.
+unload_refused() {
+  mount_maps
+  load
+  add_filter 64K
+  exec 4</dev/trak/trak0
+  refuse rmmod trak
+  refuse trakctl stop 0
+  refuse trakctl delete 0
+  exec 4<&-
+  exec 4</dev/trakctl
+  refuse rmmod trak
+  exec 4<&-
+  dd if=/dev/trak/trak0 of=/dev/null bs=1M count=4
+}
+
+# Nodes are not what holds it: they go with it, saved.
+unload_takes_nodes_along() {
+  mount_maps
+  load
+  add_filter 64K
+  trakctl bitmap clear 0 incr
+  dd if=/dev/zero of=/dev/trak/trak0 bs=64k count=1 seek=5 conv=fsync
+  add_snap 1 64K
+  trakctl start 1
+  unload
+  # The bit of extent 5 and no other; but for the marker of trakctl, who was not asked.
+  rm /mnt/maps/bmp/trak0.session
+  load
+  trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 0
+  trakctl bitmap get 0 incr | tee /tmp/marks
+  [ "$(wc -l </tmp/marks)" = 1 ]
+  grep -q '^5 *1 ' /tmp/marks
+}
+
+mounted_refused() {
+  mount_maps
+  load
+  mkfs.ext4 -q -F "$(disk 0)" 60M
+  add_filter 64K
+  mkdir -p /mnt/node
+  mount -t ext4 /dev/trak/trak0 /mnt/node
+  refuse trakctl delete 0
+  refuse trakctl stop 0
+  refuse rmmod trak
+  # Files of its own on the filter itself.
+  refuse trakctl add-snap --filter 0 --minor 1 --chunk-size 64K --cow-bmp /mnt/node/map \
+    --cow-data /mnt/node/data
+  refuse trakctl add-snap --filter 0 --minor 1 --chunk-size 64K --cow-bmp /mnt/maps/map \
+    --cow-data /mnt/node/data
+  # A disk that is mounted gets no filter.
+  mkdir -p /mnt/node/bmp
+  refuse trakctl add-filter --disk "$(disk 1)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 3
+  umount /mnt/node
+  # Neither do bitmaps lie there: the disk has a filter already, and one of another disk would.
+  fsck.ext4 -f -n "$(disk 0)"
+}
+
+not_while_loaded_twice() {
+  load
+  refuse load
+  unload
+}
+
+try module.loads_and_unloads_with_its_files_threads_and_numbers loads
+try module.describes_itself describes_itself
+try module.is_loaded_and_unloaded_again_and_again reloads "$(cat /etc/reloads)"
+try module.wrong_parameters_are_refused_and_leave_nothing wrong_parameters
+try module.takes_a_major_of_the_kernels_choice dynamic_major
+try module.is_loaded_once not_while_loaded_twice
+try module.stays_while_a_node_or_the_control_device_is_open unload_refused
+try module.takes_its_nodes_along unload_takes_nodes_along
+try module.mounted_nodes_are_neither_stopped_nor_deleted mounted_refused
+try module.leaves_nothing_in_the_end nothing_left
