@@ -207,6 +207,7 @@ class Faults(OnTrak):
     """What fails below, and lack of memory."""
 
     name = "faults"
+    short = False
     about = "full and failing disks below the filter and the COW files; memory pressure"
     modules = (*OnTrak.modules, "dm_mod", "dm_flakey")
     tools = (*OnTrak.tools, "dmsetup")
@@ -221,6 +222,7 @@ class Io(OnTrak):
     """fio, which finds every byte that is not what it wrote."""
 
     name = "io"
+    short = False
     about = "fio with verification while snapshots come and go"
     tools = (*OnTrak.tools, "fio")
     disk_mib, maps_mib = 64, 256
@@ -233,6 +235,7 @@ class Power(OnTrak):
     """QEMU is killed at random moments, and the guest booted again on the same disks."""
 
     name = "power"
+    short = False
     about = "power cuts while a filter with a snapshot is written"
     maps_mib = 160
 
