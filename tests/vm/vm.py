@@ -5,6 +5,7 @@
 import argparse
 import os
 import random
+import resource
 import shutil
 import signal
 import sys
@@ -133,9 +134,15 @@ def boots(kernel, suite, disks, report, deadline):
     return True
 
 
+def cpu_seconds():
+    """What the children of this process have used."""
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
 def run_suite(name, kernel, report, options, deadline):
     folder = tempfile.mkdtemp(prefix="trak-vm.", dir=os.environ.get("TMPDIR") or "/var/tmp")
-    start = time.monotonic()
+    start, cpu = time.monotonic(), cpu_seconds()
     bad = report.count("not ok")
     try:
         suite = SUITES[name](folder, options.long)
@@ -156,7 +163,8 @@ def run_suite(name, kernel, report, options, deadline):
             note(f"kept: {folder}")
         else:
             shutil.rmtree(folder, ignore_errors=True)
-    note(f"{kernel.release} {name}: {time.monotonic() - start:.0f} s")
+    note(f"{kernel.release} {name}: {time.monotonic() - start:.0f} s, of processors "
+         f"{cpu_seconds() - cpu:.0f} s")
 
 
 def run_kernel(series, options, deadline):
