@@ -4,8 +4,9 @@
 """run.py [--rounds N] [--seconds N] [--size MIB] [--only PART] [--json FILE]
 
 Parts: io (node files beside the bare image and a peer), snap (the same under a snapshot), inproc
-(the request path without I/O). The contenders of a part take turns within each round, so that what
-else the machine does meets all of them; figures are medians of the rounds, ratios are of medians.
+(the request path without I/O), maps (data-block maps: maps.py). The contenders of a part take turns
+within each round, so that what else the machine does meets all of them; figures are medians of the
+rounds, ratios are of medians.
 """
 import argparse
 import json
@@ -17,6 +18,7 @@ import sys
 
 from io_peers import Bare, Qsd, QsdCbw, Trak, TrakSnap, TrakSnap4k, fio, seconds_of, wait_for_quiet
 
+import maps
 from trak_machine import BIN, MIB, Machine
 from trak_testing import Failed
 
@@ -160,11 +162,11 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=4, help="for each load")
     parser.add_argument("--size", type=int, default=1024, help="MiB of the image")
-    parser.add_argument("--only", choices=("io", "snap", "inproc"))
+    parser.add_argument("--only", choices=("io", "snap", "inproc", "maps"))
     parser.add_argument("--json", default="build/bench.json")
     options = parser.parse_args()
-    wanted = [options.only] if options.only else ["io", "snap", "inproc"]
-    results, rows, left = {}, [], []
+    wanted = [options.only] if options.only else ["io", "snap", "inproc", "maps"]
+    results, rows, built, left = {}, [], [], []
     machine = Machine()
     try:
         if "io" in wanted or "snap" in wanted:
@@ -176,6 +178,8 @@ def main():
             snap_part(machine, image, options, results)
         if "inproc" in wanted:
             rows = inproc_part()
+        if "maps" in wanted:
+            built = maps.part(machine, options.rounds)
     finally:
         left = machine.close()
     print(f"\n{json.dumps(made_on())}\n")
@@ -183,8 +187,11 @@ def main():
         print(table(results))
     if rows:
         print(f"\n{inproc_table(rows)}")
+    if built:
+        print(f"\n{maps.tables(built)}")
     with open(options.json, "w", encoding="utf-8") as file:
-        json.dump({"machine": made_on(), "rounds": results, "inproc": rows}, file, indent=1)
+        json.dump({"machine": made_on(), "rounds": results, "inproc": rows, "maps": built}, file,
+                  indent=1)
     if left:
         raise Failed(f"left behind: {left}")
 

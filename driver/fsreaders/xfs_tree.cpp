@@ -210,8 +210,16 @@ int xfs_mark_chunks(xfs_reader *ctx, std::uint32_t first, std::uint64_t ratio, s
         ctx->last_leaf = at.leaf;
         ctx->last_block = r;
         const bool free = !at.ended && record_start(at) <= r && record_end(at) >= r + ratio;
-        if (!free)
+        if (!free) {
             (void)trak_test_and_set_bit(out, static_cast<std::uint64_t>(k));
+            continue;
+        }
+        // The extent may cover many chunks: their bits stay clear.
+        const std::uint64_t covered = (record_end(at) - r) / ratio - 1;
+        const auto left = static_cast<std::uint64_t>(count - 1 - k);
+        const std::uint64_t skipped = covered < left ? covered : left;
+        k += static_cast<std::int32_t>(skipped);
+        r += skipped * ratio;
     }
     return 0;
 }
