@@ -161,6 +161,15 @@ int trak_remove_proc() {
     return 0;
 }
 
+void trak_drop_proc() {
+    if (trak_dir == nullptr)
+        return;
+    while (os_proc_entry *file = os_proc_first_child(trak_dir))
+        os_remove_proc_entry(file);
+    os_remove_proc_entry(trak_dir);
+    trak_dir = nullptr;
+}
+
 void trak_remove_proc_entry(os_proc_entry *entry) {
     if (entry == nullptr)
         return;

@@ -14,6 +14,9 @@ extern os_proc_entry *trak_dir;
 
 int trak_create_proc();  // 0 or -EINVAL, leaving what was made
 int trak_remove_proc();  // 0
+// Takes away, without a word, what a creation that failed has left, if anything: callbacks into the
+// module must not outlive it.
+void trak_drop_proc();
 
 // A node's folder; called with the node table held for writing, or for a record that nobody else can
 // reach. Context: sleep. 0 or -EINVAL, leaving nothing.

@@ -24,13 +24,14 @@ namespace {
 struct step {
     int (*up)();
     int (*down)();
+    void (*drop)();  // what `up` leaves when it fails, or null for nothing
 };
 
 constexpr step steps[] = {
-    {trak_debug_init, trak_debug_destroy},
-    {trak_create_proc, trak_remove_proc},
-    {trak_char_init, trak_char_destroy},
-    {trak_block_init, trak_block_destroy},
+    {trak_debug_init, trak_debug_destroy, nullptr},
+    {trak_create_proc, trak_remove_proc, trak_drop_proc},
+    {trak_char_init, trak_char_destroy, nullptr},
+    {trak_block_init, trak_block_destroy, nullptr},
 };
 constexpr int step_count = sizeof steps / sizeof steps[0];
 
@@ -39,6 +40,8 @@ int bring_up() {
     for (int i = 0; i < step_count; ++i) {
         const int rc = steps[i].up();
         if (rc != 0) {
+            if (steps[i].drop != nullptr)
+                steps[i].drop();
             while (--i >= 0)
                 steps[i].down();
             return rc;
