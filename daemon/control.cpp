@@ -47,6 +47,9 @@ int text_of(Server *server, Handle *handle) {
     case What::kSession:
         handle->text = server->session_id() + "\n";
         return 0;
+    case What::kParameter:
+        handle->text = std::to_string(__atomic_load_n(handle->value, __ATOMIC_RELAXED)) + "\n";
+        return 0;
     default:
         return user::proc_read(handle->path, &handle->text);
     }
@@ -61,6 +64,7 @@ int control_open(Server *server, Ino ino, int flags, pid_t pid, Handle *handle) 
     }
     handle->what = entry.what;
     handle->path = entry.path;
+    handle->value = entry.value;
     if (entry.what == What::kControl || entry.what == What::kNode) {
         const Pass pass(&server->gate());
         if (!pass) {

@@ -43,11 +43,12 @@ class Gate {
 // One open file or directory of the tree.
 struct Handle {
     What what = What::kDir;
-    NodeOpen node;               // kNode
-    std::string path;            // kProc
-    std::vector<Entry> entries;  // kDir
+    NodeOpen node;                        // kNode
+    std::string path;                     // kProc
+    const std::int32_t *value = nullptr;  // kParameter
+    std::vector<Entry> entries;           // kDir
     std::mutex mutex;
-    std::string text;  // kLog, kSession, kProc: as it was at the last read from the beginning
+    std::string text;  // of the other files: as it was at the last read from the beginning
 };
 
 class Server {

@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "driver/module/params.h"
+
 namespace trakd {
 
 namespace {
@@ -18,6 +20,10 @@ constexpr Ino kControl = 4;
 constexpr Ino kLog = 5;
 constexpr Ino kSession = 6;
 constexpr Ino kProc = 7;
+constexpr Ino kSys = 8;
+constexpr Ino kModule = 9;
+constexpr Ino kModuleTrak = 10;
+constexpr Ino kParameters = 11;
 constexpr Ino kNames = Ino{1} << 40;
 constexpr Ino kProcs = Ino{1} << 41;
 
@@ -27,6 +33,7 @@ struct Fixed {
     const char *name;
     What what;
     std::uint32_t mode;
+    const std::int32_t *value = nullptr;
 };
 constexpr Fixed kFixed[] = {
     {kRoot, 0, "", What::kDir, S_IFDIR | 0755},
@@ -36,6 +43,14 @@ constexpr Fixed kFixed[] = {
     {kLog, kRoot, "log", What::kLog, S_IFREG | 0400},
     {kSession, kRoot, "session", What::kSession, S_IFREG | 0444},
     {kProc, kRoot, "proc", What::kDir, S_IFDIR | 0755},
+    {kSys, kRoot, "sys", What::kDir, S_IFDIR | 0755},
+    {kModule, kSys, "module", What::kDir, S_IFDIR | 0755},
+    {kModuleTrak, kModule, "trak", What::kDir, S_IFDIR | 0755},
+    {kParameters, kModuleTrak, "parameters", What::kDir, S_IFDIR | 0755},
+    {12, kParameters, "trak_chr_major", What::kParameter, S_IFREG | 0444, &trak_chr_major},
+    {13, kParameters, "trak_debug", What::kParameter, S_IFREG | 0444, &trak_debug},
+    {14, kParameters, "trak_blk_major", What::kParameter, S_IFREG | 0444, &trak_blk_major},
+    {15, kParameters, "trak_max_blk_minor", What::kParameter, S_IFREG | 0444, &trak_max_blk_minor},
 };
 
 Entry entry_of(const Fixed &fixed) {
@@ -44,6 +59,7 @@ Entry entry_of(const Fixed &fixed) {
     entry.what = fixed.what;
     entry.name = fixed.name;
     entry.mode = fixed.mode;
+    entry.value = fixed.value;
     return entry;
 }
 

@@ -1,7 +1,7 @@
 // daemon/tree.h: the names of the tree and what is behind each
 // SPDX-License-Identifier: GPL-2.0-only
 //
-//   /dev/trakctl  /dev/trak/<name>  /proc/trak/...  /log  /session
+//   /dev/trakctl  /dev/trak/<name>  /proc/trak/...  /sys/module/trak/parameters/...  /log  /session
 //
 // Fixed entries have small inode numbers. Names of nodes and entries of the status tree come and
 // go; each life of one has a number of its own, never used twice, so that the kernel can't take a
@@ -24,7 +24,7 @@ namespace trakd {
 
 using Ino = std::uint64_t;
 
-enum class What : std::uint8_t { kDir, kControl, kLog, kSession, kNode, kProc };
+enum class What : std::uint8_t { kDir, kControl, kLog, kSession, kNode, kProc, kParameter };
 
 struct Entry {
     Ino ino = 0;
@@ -32,8 +32,9 @@ struct Entry {
     std::string name;
     std::uint32_t mode = 0;  // type and permissions
     std::uint64_t size = 0;
-    os_dev_t dev = 0;  // kNode
-    std::string path;  // kProc, and directories of the status tree: below /proc
+    os_dev_t dev = 0;                     // kNode
+    std::string path;                     // kProc, and directories of the status tree: below /proc
+    const std::int32_t *value = nullptr;  // kParameter
 };
 
 class Tree final : public user::Listener {

@@ -17,7 +17,8 @@ class Tree(SystemTest):
                        for at, folders, files in os.walk(d.root) for name in folders + files)
         for name in ("dev", "dev/trakctl", "dev/trak", "dev/trak/trak0", "log", "session", "proc",
                      "proc/trak", "proc/trak/chr_major", "proc/trak/blk_major", "proc/trak/debug",
-                     "proc/trak/trak0", "proc/trak/trak0/incr_bmp_dirty"):
+                     "proc/trak/trak0", "proc/trak/trak0/incr_bmp_dirty",
+                     "sys/module/trak/parameters/trak_max_blk_minor"):
             self.assertIn(name, names)
         self.assertEqual(d.proc("trak0/dev_type"), "filter\n")
         self.assertEqual(d.proc("trak0/dev_size"), f"{64 * MIB}\n")
@@ -105,6 +106,28 @@ class Tree(SystemTest):
         with d.control() as control:
             self.assertEqual(ioctl(control.fd, 0x40044304, bytearray(b"\x08\0\0\0")),
                              -errno.EINVAL)
+
+    def test_parameters_are_shown_as_a_kernel_shows_those_of_a_module(self):
+        d = self.m.trakd("--param", "trak_debug=2", "--param", "trak_max_blk_minor=7",
+                         "--param", "trak_blk_major=0")
+        folder = f"{d.root}/sys/module/trak/parameters"
+
+        def shown(name):
+            with open(f"{folder}/{name}", encoding="ascii") as file:
+                return file.read()
+
+        self.assertEqual(sorted(os.listdir(folder)),
+                         ["trak_blk_major", "trak_chr_major", "trak_debug", "trak_max_blk_minor"])
+        self.assertEqual(shown("trak_max_blk_minor"), "7\n")
+        self.assertEqual(shown("trak_chr_major"), "100\n")
+        self.assertEqual(shown("trak_blk_major"), d.proc("blk_major"))  # the one that was given
+        self.assertEqual(shown("trak_debug"), "2\n")
+        with open(f"{d.root}/proc/trak/debug", "w", encoding="ascii") as file:
+            file.write("3\n")
+        self.assertEqual(shown("trak_debug"), "3\n")
+        self.assertEqual(stat.S_IMODE(os.stat(f"{folder}/trak_debug").st_mode), 0o444)
+        with self.assertRaises(PermissionError):
+            os.open(f"{folder}/trak_debug", os.O_WRONLY)
 
     def test_control_device_reads_as_empty(self):
         d = self.m.trakd()
