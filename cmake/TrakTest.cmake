@@ -65,23 +65,28 @@ function(trak_add_test name)
                        ENVIRONMENT "TRAK_TEST_WATCH=${watch}" ${more})
 endfunction()
 
-# trak_add_command_test(NAME COMMAND words... [DEPENDS targets...] [LABEL label] [TIMEOUT seconds])
+# trak_add_command_test(NAME COMMAND words... [DEPENDS targets...] [LABEL label] [TIMEOUT seconds]
+#                       [SANITIZERS address thread])
 #   one ctest entry that runs a command (a system test in Python, a script); its exit code 77 means
-#   that it cannot run here and has said why. Such tests run alone, in the dev preset only.
+#   that it cannot run here and has said why. Such tests run alone, in the dev preset and in those
+#   that SANITIZERS names.
 #   TRAK_BIN_DIR in its environment is where the built programs are.
 function(trak_add_command_test name)
-  cmake_parse_arguments(T "" "LABEL;TIMEOUT" "COMMAND;DEPENDS" ${ARGN})
+  cmake_parse_arguments(T "" "LABEL;TIMEOUT" "COMMAND;DEPENDS;SANITIZERS" ${ARGN})
   if(NOT T_TIMEOUT)
     set(T_TIMEOUT 600)
   endif()
   if(NOT T_LABEL)
     set(T_LABEL system)
   endif()
-  if(TRAK_SANITIZE)
+  if(TRAK_SANITIZE AND NOT TRAK_SANITIZE IN_LIST T_SANITIZERS)
     return()
   endif()
   if(T_DEPENDS)
     add_dependencies(tests_all ${T_DEPENDS})
+    foreach(sanitizer ${T_SANITIZERS})
+      add_dependencies(tests_${sanitizer} ${T_DEPENDS})
+    endforeach()
   endif()
   add_test(NAME ${name} COMMAND ${T_COMMAND} WORKING_DIRECTORY "${CMAKE_CURRENT_SOURCE_DIR}")
   set_tests_properties(${name} PROPERTIES LABELS "${T_LABEL}" TIMEOUT ${T_TIMEOUT}

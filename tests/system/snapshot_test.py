@@ -3,12 +3,11 @@
 import errno
 import os
 import random
-import shutil
 import threading
 
 from trak_abi import Refused, SNAP
 from trak_machine import MIB, SystemTest, close_dead
-from trak_testing import eventually, main, run, skip
+from trak_testing import eventually, main, run
 
 SIZE = 16 * MIB
 
@@ -216,35 +215,74 @@ class Snapshot(SystemTest):
         with open(f"{frozen}/file", "rb") as file:
             self.assertEqual(file.read(), b"not synced by anybody" * 1000)
 
-    def test_data_is_verified_while_snapshots_come_and_go(self):
-        if not shutil.which("fio"):
-            skip("there is no fio")
-        loop = self.m.loop(self.d.node(), "--direct-io=on")
-        stop, failures = threading.Event(), []
 
-        def come_and_go():
-            minor = 1
-            try:
-                while not stop.is_set():
-                    self.add(minor)
-                    self.control.stop(minor)
-                    self.control.delete(minor)
-                    minor = minor % 5 + 1
-            except (OSError, Refused) as error:
-                failures.append(error)
+class FilesOnANode(SystemTest):
+    """The driver's own files on the file system that is mounted through another of its nodes."""
 
-        other = threading.Thread(target=come_and_go)
-        other.start()
+    def setUp(self):
+        super().setUp()
+        self.dice = random.Random(11)
+        with open(self.m.path("d.img"), "wb") as file:
+            file.write(self.dice.randbytes(4 * MIB))
+        self.d = self.m.trakd(images={"d": self.m.path("d.img"),
+                                      "host": self.m.image("host.img", 64 * MIB, "ext4"),
+                                      "e": self.m.image("e.img", 4 * MIB)})
+        self.control = self.d.control()
+        self.addCleanup(close_dead, self.control.fd)
+        self.control.add_filter("/dev/image/host", self.m.folder("maps"), minor=5)
+        self.control.start(5)
+        self.loop = self.m.loop(self.d.node("trak5"))
+        self.host = self.m.mount(self.loop, "host")
+
+    def read(self, name):
+        with open(self.d.node(name), "rb") as file:
+            return file.read()
+
+    def write(self, name, stop):
+        dice = random.Random(name)
+        fd = os.open(self.d.node(name), os.O_RDWR)
         try:
-            run("fio", "--name=v", f"--filename={loop}", "--direct=1", "--rw=randwrite",
-                "--bsrange=4k-64k", "--iodepth=8", "--ioengine=libaio", "--size=16M", "--loops=3",
-                "--verify=crc32c", "--verify_fatal=1", "--verify_state_save=0", timeout=100,
-                cwd=self.m.dir)
+            while not stop.is_set():
+                size = dice.choice((512, 4096, 40960))
+                os.pwrite(fd, dice.randbytes(size), dice.randrange((4 * MIB - size) // 512) * 512)
+                os.fsync(fd)
+        finally:
+            os.close(fd)
+
+    def fill(self, stop):
+        """Work for the file system that holds the files."""
+        while not stop.is_set():
+            with open(f"{self.host}/noise", "wb") as file:
+                file.write(self.dice.randbytes(MIB))
+                os.fsync(file.fileno())
+
+    def test_nodes_come_and_go_under_load(self):
+        self.control.add_filter("/dev/image/d", self.host, minor=0)
+        self.control.start(0)
+        before = self.read("trak0")
+        self.control.add_snap(0, f"{self.host}/1.map", f"{self.host}/1.data", 4096, 1)
+        self.control.start(1)
+        stop = threading.Event()
+        lanes = [threading.Thread(target=self.write, args=("trak0", stop)),
+                 threading.Thread(target=self.fill, args=(stop,))]
+        for lane in lanes:
+            lane.start()
+        try:
+            for _ in range(4):
+                self.control.add_filter("/dev/image/e", self.host, minor=7)
+                self.control.add_snap(7, f"{self.host}/8.map", f"{self.host}/8.data", 4096, 8)
+                self.control.start(8)
+                self.control.delete(7)
+                self.assertFalse(os.path.exists(f"{self.host}/8.data"))
+                self.assertEqual(self.read("trak1"), before)
         finally:
             stop.set()
-            other.join()
-        self.assertEqual(failures, [])
-        self.m.unloop(loop)
+            for lane in lanes:
+                lane.join()
+        self.assertEqual(self.read("trak1"), before)
+        self.control.delete(0)
+        self.m.umount(self.host)
+        self.m.unloop(self.loop)
 
 
 if __name__ == "__main__":
