@@ -14,6 +14,8 @@ FaultPlan &plan_of(Fault kind) {
 bool fault(Fault kind) {
     FaultPlan &plan = plan_of(kind);
     plan.count++;
+    if (plan.cut_at == plan.count)
+        power_cut();
     if (plan.fail_at == plan.count) {
         plan.fail_at = 0;
         return true;
@@ -34,6 +36,10 @@ void fail_none() {
         plan.fail_at = 0;
         plan.per_mille = 0;
     }
+}
+
+void power_cut_at(Fault kind, std::uint64_t nth) {
+    plan_of(kind).cut_at = plan_of(kind).count + nth;
 }
 
 std::uint64_t fault_points(Fault kind) {

@@ -146,6 +146,7 @@ struct FileSystem {
 struct FaultPlan {
     std::uint64_t count = 0;
     std::uint64_t fail_at = 0;  // value of count, 0: none
+    std::uint64_t cut_at = 0;   // the power goes; 0: it stays
     unsigned per_mille = 0;
 };
 

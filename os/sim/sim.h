@@ -173,6 +173,8 @@ std::uint64_t fault_points(Fault kind);  // calls of the kind so far
 [[noreturn]] void power_cut();
 // The same at the nth scheduling point from now on.
 void power_cut_after(std::uint64_t points);
+// The same at the nth call of the kind from now on, before it does anything.
+void power_cut_at(Fault kind, std::uint64_t nth);
 
 // The driver leaves exactly this many pieces of memory behind at the end, on purpose.
 void expect_leaked_pieces(unsigned count);

@@ -24,6 +24,7 @@ struct Taken {
 struct Story {
     std::vector<std::uint32_t> made;  // snap nodes in the order of their creation
     std::vector<Taken> taken;         // snapshots in the order of their starts
+    bool ended = false;               // the power went only after all the work
 };
 
 struct Cut {
@@ -37,6 +38,8 @@ struct Cut {
     std::uint64_t points;   // scheduling points within which the power goes; 0: while bits are
                             // set that are not durable
     bool faults;
+    unsigned writes = 200;    // of each writer, once every snap runs
+    std::uint64_t flush = 0;  // the flush at which the power goes, in place of a random point
 };
 
 Cut cut_of(std::uint64_t seed, bool faults) {
@@ -138,7 +141,9 @@ void until_the_cut(Machine &machine, const Cut &cut, Story &story) {
             machine,
             [&] {
                 load_filter();
-                if (cut.points != 0)
+                if (cut.flush != 0)
+                    sim::power_cut_at(sim::Fault::kFlush, cut.flush);
+                else if (cut.points != 0)
                     sim::power_cut_after(100 + sim::random(cut.points));
                 for (unsigned i = 0; i < cut.snaps; ++i) {
                     const std::uint32_t minor = i + 1;
@@ -154,8 +159,9 @@ void until_the_cut(Machine &machine, const Cut &cut, Story &story) {
                     if (cut.faults && i + 1 == cut.snaps)
                         sim::fail_random(
                             sim::random(2) == 0 ? sim::Fault::kFlush : sim::Fault::kWrite, 20);
-                    write_together(cut, i + 1 == cut.snaps ? 200 : 6);
+                    write_together(cut, i + 1 == cut.snaps ? cut.writes : 6);
                 }
+                story.ended = true;
                 sim::power_cut();
             },
             options);
@@ -211,32 +217,69 @@ void after_the_cut(Machine &machine, const Cut &cut, const Story &story, unsigne
     });
 }
 
-unsigned run_cut(const Cut &cut) {
+struct Outcome {
+    unsigned checked;  // images
+    bool ended;
+};
+
+Outcome run_cut(const Cut &cut) {
     Machine machine(cut.sectors * kSector);
     snap_world::prepare(machine);
     snap_world::fill_disk(machine);
     Story story;
     until_the_cut(machine, cut, story);
-    unsigned checked = 0;
+    Outcome outcome{0, story.ended};
     if (!::testing::Test::HasFailure())
-        after_the_cut(machine, cut, story, &checked);
-    return checked;
+        after_the_cut(machine, cut, story, &outcome.checked);
+    return outcome;
 }
 
 }  // namespace
 
 TEST(snapshot, image_survives_power_cut) {
     unsigned checked = 0;
-    sim::for_each_seed(200, [&](std::uint64_t seed) { checked += run_cut(cut_of(seed, false)); });
+    sim::for_each_seed(
+        200, [&](std::uint64_t seed) { checked += run_cut(cut_of(seed, false)).checked; });
     EXPECT_GT(checked, 0u);
     RecordProperty("images_checked", static_cast<int>(checked));
 }
 
 TEST(snapshot, image_survives_power_cut_or_was_given_up_where_syncs_fail) {
     unsigned checked = 0;
-    sim::for_each_seed(100, [&](std::uint64_t seed) { checked += run_cut(cut_of(seed, true)); });
+    sim::for_each_seed(100,
+                       [&](std::uint64_t seed) { checked += run_cut(cut_of(seed, true)).checked; });
     EXPECT_GT(checked, 0u);
     RecordProperty("images_checked", static_cast<int>(checked));
+}
+
+// One workload a seed, run again and again: the power goes at its first flush, its second, and so on.
+TEST(snapshot, image_survives_power_cut_at_every_flush) {
+    unsigned checked = 0;
+    std::uint64_t flushes = 0;
+    sim::for_each_seed(4, [&](std::uint64_t seed) {
+        Cut cut{seed,
+                4096u << (seed % 3),
+                96,
+                1 + static_cast<unsigned>(seed % 2),
+                1 + static_cast<unsigned>(seed % 3),
+                2,
+                24,
+                1,
+                false};
+        cut.writes = 8;
+        bool ended = false;
+        for (cut.flush = 1; !ended && !::testing::Test::HasFailure(); ++cut.flush) {
+            const Outcome outcome = run_cut(cut);
+            checked += outcome.checked;
+            ended = outcome.ended;
+            ASSERT_LT(cut.flush, 2000u);
+        }
+        flushes += cut.flush - 1;
+        if (::testing::Test::HasFailure())
+            std::printf("at flush %llu\n", static_cast<unsigned long long>(cut.flush - 1));
+    });
+    std::printf("flushes %llu, images %u\n", static_cast<unsigned long long>(flushes), checked);
+    EXPECT_GT(checked, 0u);
 }
 
 // A snap that ran before is started anew over its old files, and the power goes in the middle of that.

@@ -166,10 +166,14 @@ class Image {
     Image(const Model &model, std::uint64_t from, std::uint64_t to)
         : model_(&model), from_(from), to_(to), seen_(model.sectors(), kUnknown) {}
 
-    // What is wrong with these bytes of the image, or nothing.
-    std::string check(std::uint64_t sector, const Bytes &bytes) {
+    // What is wrong with these bytes of the image, or nothing. Chunks that held no data at that moment
+    // (no_data, by number; empty: all held some) may show anything.
+    std::string check(std::uint64_t sector, const Bytes &bytes, const std::vector<bool> &no_data,
+                      std::uint64_t sectors_per_chunk) {
         for (std::size_t i = 0; i < bytes.size() / kSector; ++i) {
             const std::uint64_t s = sector + i;
+            if (!no_data.empty() && no_data[s / sectors_per_chunk])
+                continue;
             const std::int64_t what = model_->shown(bytes.data() + i * kSector, s);
             if (seen_[s] == kUnknown) {
                 if (!model_->allowed(s, what, from_, to_))

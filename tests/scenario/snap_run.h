@@ -33,15 +33,33 @@ struct Plan {
     bool keep_one = true;  // the filter is never without a snap node: requests keep their order
     bool faults = false;   // requests, syncs and allocations may fail
     bool full = false;     // the file system of the COW files runs full
+    // There is a file system of Ext2's on the disk, so that snaps know which chunks hold no data. Its
+    // own structures lie before `base`, where nobody writes.
+    std::uint64_t base = 0;
+    std::vector<bool> no_data;  // by chunk; empty: all hold data
 
     std::string text() const {
         return "sectors " + std::to_string(sectors) + " chunk " + std::to_string(chunk_size) +
                " longest " + std::to_string(longest) + " snaps " + std::to_string(snaps) +
                " submitters " + std::to_string(submitters) + " in flight " +
                std::to_string(in_flight) + (file_system ? " fs" : "") +
-               (keep_one ? "" : " none kept") + (faults ? " faults" : "") + (full ? " full" : "");
+               (no_data.empty() ? "" : " map") + (keep_one ? "" : " none kept") +
+               (faults ? " faults" : "") + (full ? " full" : "");
     }
 };
+
+// What the runs of a test did, so that it can say that it tried each kind of thing.
+struct Events {
+    std::uint64_t requests = 0, odd = 0, smallest = 0, long_ones = 0;
+    std::uint64_t creations = 0, starts = 0, stops = 0, postponed = 0, deletions = 0, resumes = 0;
+    std::uint64_t maps = 0;         // starts after which the snap knew which chunks hold no data
+    std::uint64_t full_groups = 0;  // group copies that took every page there is
+    std::uint64_t images = 0;       // checked from end to end
+};
+inline Events &events() {
+    static Events the;
+    return the;
+}
 
 struct SnapState {
     std::uint32_t minor = 0;
@@ -98,6 +116,7 @@ class SnapRun {
         sim::fail_none();
         const int rc = snap_world::add_snap(static_cast<int>(snap.minor), plan_.chunk_size);
         creating_ = false;
+        events().creations += rc == 0;
         snap.created = rc == 0;
         if (!plan_.faults) {
             EXPECT_EQ(rc, 0);
@@ -251,6 +270,8 @@ class SnapRun {
         if (rc == 0) {
             ++snap.epoch;
             snap.image = std::make_unique<Image>(model_, from, to);
+            events().starts++;
+            events().maps += snap_world::snap(snap.minor).blkbmp.valid != 0;
             return;
         }
         if (rc == -EALREADY || rc == -EINVAL || rc == -EAGAIN || plan_.faults || plan_.full)
@@ -263,6 +284,9 @@ class SnapRun {
         if (rc != 0 && rc != -EBUSY && snap.created && !plan_.faults) {
             ADD_FAILURE() << "stop of snap " << snap.minor << ": " << rc;
         }
+        const auto now = facts(snap.minor);
+        events().postponed += now && now->stop_pending != 0;
+        events().stops += rc == 0 && now && now->started == 0;
         refresh();
     }
 
@@ -271,6 +295,7 @@ class SnapRun {
         if (before.started == 0)
             return;
         const int rc = snap_world::resume(snap.minor, before.valid, before.stop_pending);
+        events().resumes += rc == 0;
         if (rc != 0) {
             snap.image.reset();
             // What was given up is cut to nothing.
@@ -293,6 +318,7 @@ class SnapRun {
         if (rc != 0 && rc != -EBUSY && snap.created && !plan_.faults) {
             ADD_FAILURE() << "delete of snap " << snap.minor << ": " << rc;
         }
+        events().deletions += rc == 0;
         refresh();
     }
 
@@ -325,7 +351,7 @@ class SnapRun {
         if (bdev == nullptr)
             return;
         bool whole = true;
-        for (std::uint64_t s = 0; s < plan_.sectors && whole && !failed();) {
+        for (std::uint64_t s = plan_.base; s < plan_.sectors && whole && !failed();) {
             const std::uint64_t count = std::min(plan_.sectors - s, 1 + sim::random(plan_.longest));
             whole = read_image(snap, snap.epoch, bdev, s, count);
             s += count;
@@ -334,6 +360,7 @@ class SnapRun {
         if (!whole || failed() || snap.image == nullptr)
             return;
         ++images_checked_;
+        events().images++;
         const std::string wrong = snap.image->check_whole();
         if (!wrong.empty()) {
             ADD_FAILURE() << "snap " << snap.minor << ": " << wrong << "\n" << plan_.text();
@@ -343,7 +370,7 @@ class SnapRun {
     void check_disk() {
         const Bytes bytes = machine_.disk.read(0, plan_.sectors * kSector);
         const std::uint64_t now = model_.tick();
-        for (std::uint64_t s = 0; s < plan_.sectors; ++s) {
+        for (std::uint64_t s = plan_.base; s < plan_.sectors; ++s) {
             const std::int64_t what = model_.shown(bytes.data() + s * kSector, s);
             if (plan_.faults && what == kForged)
                 continue;  // a failed write leaves anything
@@ -355,7 +382,7 @@ class SnapRun {
     }
 
     // Writes that change every chunk, one after the other.
-    void overwrite_all() { overwrite(0, plan_.sectors); }
+    void overwrite_all() { overwrite(plan_.base, plan_.sectors); }
 
     void overwrite(std::uint64_t from, std::uint64_t to) {
         os_bdev *bdev = open(0);
@@ -387,9 +414,10 @@ class SnapRun {
     // Long ones are rare; many begin near the start, so that requests meet.
     std::pair<std::uint64_t, std::uint64_t> pick_range() {
         const std::uint64_t longest = sim::random(6) == 0 ? plan_.longest : plan_.longest / 8 + 1;
-        const std::uint64_t count = 1 + sim::random(std::min(longest, plan_.sectors));
-        const std::uint64_t room = plan_.sectors - count + 1;
-        return {sim::random(sim::random(2) == 0 ? room : room / 8 + 1), count};
+        const std::uint64_t sectors = plan_.sectors - plan_.base;
+        const std::uint64_t count = 1 + sim::random(std::min(longest, sectors));
+        const std::uint64_t room = sectors - count + 1;
+        return {plan_.base + sim::random(sim::random(2) == 0 ? room : room / 8 + 1), count};
     }
 
     Pending submit_write(os_bdev *bdev, std::uint64_t sector, std::uint64_t count, bool zeroes) {
@@ -404,6 +432,10 @@ class SnapRun {
 
     Pending submit(os_bdev *bdev) {
         const auto [sector, count] = pick_range();
+        events().requests++;
+        events().odd += sector % 2 == 1;
+        events().smallest += count == 1;
+        events().long_ones += count > 1024;
         const std::uint64_t what = sim::random(20);
         if (what < 4) {
             const std::uint64_t given = model_.tick();
@@ -450,7 +482,8 @@ class SnapRun {
         if (snap.image == nullptr || snap.epoch != epoch)
             return false;
         if (rc == 0) {
-            const std::string wrong = snap.image->check(sector, bytes);
+            const std::string wrong =
+                snap.image->check(sector, bytes, plan_.no_data, plan_.chunk_size / kSector);
             if (!wrong.empty()) {
                 ADD_FAILURE() << "snap " << snap.minor << ": " << wrong << "\n" << plan_.text();
             }
