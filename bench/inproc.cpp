@@ -16,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <span>
 #include <string>
 #include <thread>
@@ -135,8 +136,53 @@ class Filter {
     os_bdev *bdev_ = nullptr;
 };
 
+// A snapshot of the filter, resumed with a bitmap of preserved chunks in which every byte is `bits`.
+class Snap {
+  public:
+    Snap(const Filter &filter, std::uint8_t bits) {
+        const char *place = std::getenv("TRAK_BENCH_COW_DIR");
+        dir_ = std::string(place != nullptr ? place : "/var/tmp") + "/trak-bench.XXXXXX";
+        must(mkdtemp(dir_.data()) == nullptr, "no directory");
+        trak_add_snap_arg arg = {};
+        arg.filter_minor = filter.minor();
+        arg.snap_minor = -1;
+        arg.chunk_size = 65536;
+        std::snprintf(arg.cow_bmp_fname, sizeof(arg.cow_bmp_fname), "%s/map", dir_.c_str());
+        std::snprintf(arg.cow_data_fname, sizeof(arg.cow_data_fname), "%s/data", dir_.c_str());
+        must(command(TRAK_ADD_SNAP_NODE, &arg), "add snap");
+        minor_ = static_cast<std::uint32_t>(arg.snap_minor);
+        trak_minor_arg node = {minor_};
+        must(command(TRAK_START_NODE, &node), "start the snap");
+        if (bits == 0) {
+            return;
+        }
+        must(command(TRAK_STOP_NODE, &node), "stop the snap");
+        const std::vector<char> map(kTib / 65536 / 8, static_cast<char>(bits));
+        std::ofstream(dir_ + "/map", std::ios::binary)
+            .write(map.data(), static_cast<std::streamsize>(map.size()));
+        trak_resume_arg again = {minor_, 1, 0, 0};
+        must(command(TRAK_RESUME_SNAP, &again), "resume the snap");
+    }
+    ~Snap() {
+        trak_minor_arg node = {minor_};
+        must(command(TRAK_STOP_NODE, &node), "stop the snap");
+        must(command(TRAK_DEL_NODE, &node), "delete the snap");
+        for (const char *name : {"map", "data"}) {
+            unlink((dir_ + "/" + name).c_str());
+        }
+        rmdir(dir_.c_str());
+    }
+    Snap(const Snap &) = delete;
+    Snap &operator=(const Snap &) = delete;
+
+  private:
+    std::string dir_;
+    std::uint32_t minor_ = 0;
+};
+
 // Of the threads of one benchmark.
 Filter *g_filter;
+Snap *g_snap;
 os_bdev *g_bdev;
 os_dev_t g_null;
 
@@ -144,7 +190,7 @@ void done(void *data, int error) {
     *static_cast<int *>(data) = error;
 }
 
-void write_many(benchmark::State &state, os_bdev *bdev, std::size_t size) {
+void submit_many(benchmark::State &state, os_bdev *bdev, std::uint32_t rw, std::size_t size) {
     void *memory = std::aligned_alloc(4096, size);
     std::memset(memory, 1, size);
     std::uint64_t at = static_cast<std::uint64_t>(state.thread_index()) * (kTib / 4);
@@ -152,7 +198,7 @@ void write_many(benchmark::State &state, os_bdev *bdev, std::size_t size) {
     const Instructions instructions;
     const double before = instructions.count();
     for (auto _ : state) {
-        user::submit(bdev, OS_BIO_WRITE, at % kTib, memory, size, done, &error);
+        user::submit(bdev, rw, at % kTib, memory, size, done, &error);
         at += size + 4096 * 17;  // another extent now and then
     }
     const double after = instructions.count();
@@ -164,15 +210,22 @@ void write_many(benchmark::State &state, os_bdev *bdev, std::size_t size) {
     std::free(memory);
 }
 
-// What a filter over 1 TiB keeps in memory. First of all: memory that was freed before would be used
-// again and not be seen.
+// What a filter over 1 TiB keeps in memory, and a snapshot of it with chunks of 64 KiB, of which none or
+// half are preserved (spread over all of the disk). First of all: memory that was freed before would be
+// used again and not be seen.
 void memory_per_tib(benchmark::State &state) {
     for (auto _ : state) {
         const std::uint64_t before = resident_bytes();
         const Filter node(65536);
         const std::uint64_t after = resident_bytes();
-        state.counters["KiB"] =
-            static_cast<double>(after) / 1024 - static_cast<double>(before) / 1024;
+        state.counters["KiB"] = static_cast<double>(after - before) / 1024;
+        auto snap = std::make_unique<Snap>(node, 0);
+        const std::uint64_t with_snap = resident_bytes();
+        state.counters["KiB_snap_empty"] = static_cast<double>(with_snap - after) / 1024;
+        snap = nullptr;
+        // What the empty one gave back would be used again: counted from before it.
+        snap = std::make_unique<Snap>(node, 0x0f);
+        state.counters["KiB_snap_half"] = static_cast<double>(resident_bytes() - after) / 1024;
     }
 }
 BENCHMARK(memory_per_tib)->Iterations(1)->Repetitions(1);
@@ -195,7 +248,7 @@ void close_filter(const benchmark::State &) {
 }
 
 void below(benchmark::State &state) {
-    write_many(state, g_bdev, static_cast<std::size_t>(state.range(0)));
+    submit_many(state, g_bdev, OS_BIO_WRITE, static_cast<std::size_t>(state.range(0)));
 }
 BENCHMARK(below)
     ->Setup(open_below)
@@ -207,11 +260,45 @@ BENCHMARK(below)
     ->UseRealTime();
 
 void filter(benchmark::State &state) {
-    write_many(state, g_bdev, static_cast<std::size_t>(state.range(0)));
+    submit_many(state, g_bdev, OS_BIO_WRITE, static_cast<std::size_t>(state.range(0)));
 }
 BENCHMARK(filter)
     ->Setup(open_filter)
     ->Teardown(close_filter)
+    ->Arg(4096)
+    ->Arg(1 << 20)
+    ->Threads(1)
+    ->Threads(2)
+    ->UseRealTime();
+
+// With a snapshot started whose chunks are all preserved: what a second touch costs.
+void open_preserved(const benchmark::State &state) {
+    open_filter(state);
+    g_snap = new Snap(*g_filter, 0xff);
+}
+void close_preserved(const benchmark::State &state) {
+    delete g_snap;
+    close_filter(state);
+}
+
+void preserved_write(benchmark::State &state) {
+    submit_many(state, g_bdev, OS_BIO_WRITE, static_cast<std::size_t>(state.range(0)));
+}
+BENCHMARK(preserved_write)
+    ->Setup(open_preserved)
+    ->Teardown(close_preserved)
+    ->Arg(4096)
+    ->Arg(1 << 20)
+    ->Threads(1)
+    ->Threads(2)
+    ->UseRealTime();
+
+void preserved_read(benchmark::State &state) {
+    submit_many(state, g_bdev, 0, static_cast<std::size_t>(state.range(0)));
+}
+BENCHMARK(preserved_read)
+    ->Setup(open_preserved)
+    ->Teardown(close_preserved)
     ->Arg(4096)
     ->Arg(1 << 20)
     ->Threads(1)
