@@ -103,6 +103,13 @@ bool is_within(const trak_cowbmp *bmp, std::int32_t page) {
     return page >= 0 && page < bmp->page_cnt;
 }
 
+// Lock held, and the bitmap is initialised.
+int test_locked(const trak_cowbmp *bmp, std::uint32_t chunk) {
+    const auto p = static_cast<std::int32_t>(chunk >> kPageShift);
+    const std::uint8_t *page = is_within(bmp, p) ? bmp->pages[p] : nullptr;
+    return page != nullptr && trak_test_bit(page, chunk & kPageMask) ? 1 : 0;
+}
+
 // Sets the bit in its page and its byte in the file. Lock held.
 int set_in_page(std::uint8_t *page, std::int32_t chunk, trak_file *file) {
     const std::uint32_t bit = static_cast<std::uint32_t>(chunk) & kPageMask;
@@ -185,11 +192,21 @@ int trak_cowbmp_test_bit(trak_cowbmp *bmp, std::uint32_t chunk) {
         return -EINVAL;
     }
     const zuread_guard guard(&bmp->lock);
-    const auto p = static_cast<std::int32_t>(chunk >> kPageShift);
+    return bmp->pages != nullptr ? test_locked(bmp, chunk) : -EINVAL;
+}
+
+std::int64_t trak_cowbmp_count_set(trak_cowbmp *bmp, std::uint64_t first, std::uint64_t last) {
+    if (!is_initialised(bmp)) {
+        trak_log(TRAK_LOG_ERROR, "%s(): Uninitialized COW bitmap.", "trak_cowbmp_test_bit");
+        return -EINVAL;
+    }
+    const zuread_guard guard(&bmp->lock);
     if (bmp->pages == nullptr)
         return -EINVAL;
-    const std::uint8_t *page = is_within(bmp, p) ? bmp->pages[p] : nullptr;
-    return page != nullptr && trak_test_bit(page, chunk & kPageMask) ? 1 : 0;
+    std::int64_t count = 0;
+    for (std::uint64_t chunk = first; chunk <= last; ++chunk)
+        count += test_locked(bmp, static_cast<std::uint32_t>(chunk));
+    return count;
 }
 
 int trak_cowbmp_set_bit(trak_cowbmp *bmp, std::int32_t chunk, os_gfp gfp, trak_file *file) {

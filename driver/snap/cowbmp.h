@@ -30,6 +30,9 @@ struct trak_cowbmp {
 [[nodiscard]] int trak_cowbmp_save(trak_cowbmp *bmp, const char *path);
 // 1 set, 0 clear, -EINVAL uninitialised.
 [[nodiscard]] int trak_cowbmp_test_bit(trak_cowbmp *bmp, std::uint32_t chunk);
+// How many of the chunks first to last are set, as that many tests would say, or -EINVAL uninitialised.
+[[nodiscard]] std::int64_t trak_cowbmp_count_set(trak_cowbmp *bmp, std::uint64_t first,
+                                                 std::uint64_t last);
 // Sets the bit and, when it was clear and file is not null, writes the byte that holds it.
 // 0, -EINVAL, -ENOMEM or -EIO (the bit is then set in memory only).
 [[nodiscard]] int trak_cowbmp_set_bit(trak_cowbmp *bmp, std::int32_t chunk, os_gfp gfp,

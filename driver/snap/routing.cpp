@@ -60,9 +60,18 @@ bool may_be_lost(trak_filter *filter, const trak_snap *snap, std::uint64_t chunk
 
 enum class Verdict { kGo, kWait, kAskOlder };
 
+std::int64_t count_of(const chunk_range &chunks) {
+    return static_cast<std::int64_t>(chunks.last - chunks.first + 1);
+}
+
 // What one started and valid snap says about a write.
 Verdict ask_snap(trak_filter *filter, trak_snap *snap, const bio_range &range) {
     const chunk_range chunks = chunks_of(snap, range);
+    // The usual case in one look; an error counts as preserved. The bits are read before `marking`:
+    // kcowd sets it before the first bit and takes it back when the last one is durable.
+    const std::int64_t set = trak_cowbmp_count_set(&snap->cowbmp, chunks.first, chunks.last);
+    if ((set < 0 || set == count_of(chunks)) && snap->marking.load() == 0)
+        return Verdict::kGo;
     bool all_preserved = true;
     bool any_data = false;
     for (std::uint64_t c = chunks.first; c <= chunks.last && (all_preserved || !any_data); ++c) {
@@ -94,10 +103,9 @@ bool write_must_wait(trak_device *filter, os_bio *bio) {
 
 bool any_chunk_preserved(trak_device *snap, const bio_range &range) {
     const chunk_range chunks = chunks_of(&snap->snap, range);
-    for (std::uint64_t c = chunks.first; c <= chunks.last; ++c) {
-        int bit;
-        (void)!trak_snap_holder_of(snap, static_cast<std::uint32_t>(c), &bit);
-        if (bit != 0)
+    for (trak_device *s = snap; s != nullptr; s = trak_snap_newer(s)) {
+        if (trak_snap_takes_part(s) &&
+            trak_cowbmp_count_set(&s->snap.cowbmp, chunks.first, chunks.last) != 0)
             return true;
     }
     return false;

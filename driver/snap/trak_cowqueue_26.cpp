@@ -177,7 +177,8 @@ int trak_cowqueue_find_overlap_req(trak_cowqueue *queue, int reads, int writes, 
 
 int trak_cowqueue_find_overlap_range(trak_cowqueue *queue, int reads, int writes,
                                      std::uint64_t sector, std::uint64_t sectors) {
-    if (sectors == 0)
+    // cnt goes up before a request is linked and down after it was taken out: none, and the list is empty.
+    if (sectors == 0 || queue->cnt.load() == 0)
         return 0;
     const bio_range range = {sector, sector + sectors - 1, sectors};
     std::uint64_t k = range.first >> kBlockSectorShift;

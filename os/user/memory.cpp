@@ -54,6 +54,9 @@ struct os_mempool {
     user::Mutex mutex;
     user::Condition freed;
     std::vector<void *> kept USER_GUARDED_BY(mutex);  // at most `reserve`
+    // True while kept holds less than the reserve; changes under the mutex. Whoever frees an element
+    // that came from the reserve sees it, for it was true when the element was handed out.
+    std::atomic<bool> lacking{false};
 };
 
 extern "C" {
@@ -95,7 +98,7 @@ void os_kmem_cache_destroy(os_kmem_cache *cache) {
 
 os_mempool *os_mempool_create_slab(int reserve, os_kmem_cache *cache) {
     os_mempool *pool =
-        new (std::nothrow) os_mempool{cache, static_cast<size_t>(reserve), {}, {}, {}};
+        new (std::nothrow) os_mempool{cache, static_cast<size_t>(reserve), {}, {}, {}, {}};
     if (!pool)
         return nullptr;
     bool complete = true;
@@ -141,17 +144,19 @@ void *os_mempool_alloc(os_mempool *pool, os_gfp gfp) {
     }
     void *element = pool->kept.back();
     pool->kept.pop_back();
+    pool->lacking.store(true);
     return element;
 }
 
 void os_mempool_free(void *element, os_mempool *pool) {
     if (!element)
         return;
-    {
+    if (pool->lacking.load()) {
         user::Guard held(pool->mutex);
         if (pool->kept.size() < pool->reserve) {
             pool->kept.push_back(element);
             element = nullptr;
+            pool->lacking.store(pool->kept.size() < pool->reserve);
             pool->freed.notify_all();
         }
     }

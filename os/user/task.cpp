@@ -143,8 +143,11 @@ int os_current_pid(void) {
 }
 
 void os_current_comm(char name[OS_TASK_COMM_LEN]) {
-    memset(name, 0, OS_TASK_COMM_LEN);
-    prctl(PR_GET_NAME, name);
+    // Every request under a snapshot asks: that must not cost a system call.
+    os_task &task = current();
+    if (task.comm[0] == '\0')
+        prctl(PR_GET_NAME, task.comm);
+    memcpy(name, task.comm, OS_TASK_COMM_LEN);
 }
 
 bool os_in_interrupt(void) {
@@ -202,6 +205,7 @@ void os_daemonize(const char *name) {
     char comm[OS_TASK_COMM_LEN] = {};
     strncpy(comm, name, sizeof(comm) - 1);
     prctl(PR_SET_NAME, comm);
+    memcpy(current().comm, comm, sizeof(comm));
 }
 
 void os_complete_and_exit(os_completion *completion, long) {

@@ -21,6 +21,8 @@ struct os_task {
     unsigned spins_held = 0;
     bool in_interrupt = false;
     const user::Caller *caller = nullptr;
+    // As it was when the task was first asked for it, or as os_daemonize set it; empty: not asked.
+    char comm[OS_TASK_COMM_LEN] = {};
 };
 
 namespace user {

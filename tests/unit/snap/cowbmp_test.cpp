@@ -71,6 +71,29 @@ TEST(cowbmp, first_bit_of_a_page_makes_that_page_alone_and_writes_its_byte) {
     });
 }
 
+TEST(cowbmp, count_of_a_range_is_what_single_tests_say) {
+    with_machine([](Machine &) {
+        Bitmap b;
+        ASSERT_EQ(b.init(70000), 0);
+        EXPECT_EQ(trak_cowbmp_count_set(&b.bmp, 0, 69999), 0);
+        const std::int32_t set[] = {0, 7, 8, 32766, 32767, 32768, 69999};
+        for (const std::int32_t chunk : set)
+            ASSERT_EQ(b.set(chunk), 0);
+        for (const std::uint64_t first : {0, 7, 9, 32767, 32768, 65536}) {
+            for (const std::uint64_t length : {1, 2, 400, 4000}) {
+                std::int64_t expected = 0;
+                for (std::uint64_t c = first; c < first + length; ++c)
+                    expected += b.test(static_cast<std::uint32_t>(c));
+                EXPECT_EQ(trak_cowbmp_count_set(&b.bmp, first, first + length - 1), expected);
+            }
+        }
+        EXPECT_EQ(trak_cowbmp_count_set(&b.bmp, 0, 69999), 7);
+        trak_cowbmp_destroy(&b.bmp);
+        EXPECT_EQ(trak_cowbmp_count_set(&b.bmp, 0, 9), -EINVAL);
+        EXPECT_TRUE(logged_error(kTestUninitialised));
+    });
+}
+
 TEST(cowbmp, bit_that_was_set_is_not_written_again) {
     with_machine([](Machine &machine) {
         Bitmap b;
