@@ -8,6 +8,7 @@ import json
 import os
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import time
@@ -15,7 +16,7 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests",
                                 "system"))
 
-from trak_machine import Machine  # noqa: E402
+from trak_machine import BIN, Machine  # noqa: E402
 from trak_testing import Failed, eventually, run  # noqa: E402
 
 EXTENT = 65536
@@ -50,6 +51,10 @@ class Peer:
         """Processes whose processor time is the peer's."""
         return []
 
+    def syncs(self):
+        """(calls, seconds) that its processes have waited in fdatasync, where that is counted."""
+        return 0, 0.0
+
 
 class Bare(Peer):
     """The image itself."""
@@ -61,7 +66,13 @@ class Trak(Peer):
     name = "trak"
 
     def file(self):
-        self.d = self.m.trakd(images={"d": self.image})
+        self.counters = self.m.path("syncs")
+        with open(self.counters, "wb") as file:
+            file.write(bytes(16))
+        timer = os.path.join(BIN, "libbench_sync_timer.so")
+        wrapper = ["env", f"LD_PRELOAD={timer}", f"TRAK_BENCH_SYNC={self.counters}"]
+        self.d = self.m.trakd(images={"d": self.image},
+                              wrapper=wrapper if os.path.exists(timer) else [])
         self.control = self.d.control()
         maps = self.m.folder("maps")
         for name in os.listdir(maps):
@@ -77,11 +88,17 @@ class Trak(Peer):
     def cpu_pids(self):
         return [self.d.process.pid]
 
+    def syncs(self):
+        with open(self.counters, "rb") as file:
+            calls, ns = struct.unpack("=QQ", file.read(16))
+        return calls, ns / 1e9
+
 
 class TrakSnap(Trak):
     """The same with one started snapshot, its COW files on another image of the same disk."""
     chunk_size = 65536
     name = "trak-snap-64k"
+    started = True
 
     def __init__(self, machine, image, cow_dir):
         super().__init__(machine, image)
@@ -90,8 +107,16 @@ class TrakSnap(Trak):
     def file(self):
         node = super().file()
         self.control.add_snap(0, f"{self.cow_dir}/map", f"{self.cow_dir}/data", self.chunk_size, 1)
-        self.control.start(1)
+        if self.started:
+            self.control.start(1)
         return node
+
+    def forget_cached(self):
+        """Takes what the snapshot has preserved out of the page cache."""
+        fd = os.open(f"{self.cow_dir}/data", os.O_RDONLY)
+        os.fsync(fd)
+        os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+        os.close(fd)
 
     def leave(self):
         self.control.stop(1)
@@ -103,6 +128,12 @@ class TrakSnap4k(TrakSnap):
     """With chunks of 4 KiB."""
     chunk_size = 4096
     name = "trak-snap-4k"
+
+
+class TrakStarting(TrakSnap):
+    """With a snapshot that is started while the load runs."""
+    name = "trak-starting"
+    started = False
 
 
 class Qsd(Peer):
@@ -203,12 +234,26 @@ def fio(device, load, seconds):
     side = done["write"] if done["write"]["total_ios"] else done["read"]
     points = side["clat_ns"].get("percentile", {})
     return {"iops": side["iops"], "mib_s": side["bw_bytes"] / 2**20, "ios": side["total_ios"],
+            "seconds": side["runtime"] / 1000,
             "p50_us": points.get("50.000000", 0) / 1000,
             "p99_us": points.get("99.000000", 0) / 1000,
             "p999_us": points.get("99.900000", 0) / 1000}
 
 
-def wait_for_quiet(seconds=2.0):
+def longest_write(log, begin, end):
+    """The longest write, in microseconds, that was under way between two moments of the Unix clock in
+    ms, from a latency log of fio; 0 where there was none."""
+    longest = 0
+    with open(log, encoding="ascii") as lines:
+        for line in lines:
+            fields = line.split(",")
+            done_ms, took_us = int(fields[0]), int(fields[1]) / 1000
+            if done_ms >= begin and done_ms - took_us / 1000 <= end:
+                longest = max(longest, took_us)
+    return longest
+
+
+def wait_for_quiet(seconds=0.5):
     """Lets what an earlier peer wrote reach the disk before the next is measured."""
     os.sync()
     time.sleep(seconds)

@@ -1,26 +1,30 @@
 #!/usr/bin/env python3
 # bench/run.py: every figure of docs/performance.md, in one run
 # SPDX-License-Identifier: GPL-2.0-only
-"""run.py [--rounds N] [--seconds N] [--size MIB] [--only PART] [--json FILE]
+"""run.py [--rounds N] [--seconds N] [--size MIB] [--only PART] [--filter REGEX] [--json FILE]
 
 Parts: io (node files beside the bare image and a peer), snap (the same under a snapshot), inproc
-(the request path without I/O), maps (data-block maps: maps.py). The contenders of a part take turns
-within each round, so that what else the machine does meets all of them; figures are medians of the
-rounds, ratios are of medians.
+(the request path without I/O), maps (data-block maps: maps.py). --filter takes the rows whose names
+it is found in. The contenders of a part take turns within each round, so that what else the machine
+does meets all of them; figures are medians of the rounds, ratios are of medians.
 """
 import argparse
 import json
 import os
 import platform
+import re
 import statistics
 import subprocess
 import sys
+import threading
+import time
 
-from io_peers import Bare, Qsd, QsdCbw, Trak, TrakSnap, TrakSnap4k, fio, seconds_of, wait_for_quiet
+from io_peers import (Bare, Qsd, QsdCbw, Trak, TrakSnap, TrakSnap4k, TrakStarting, fio,
+                      longest_write, seconds_of, wait_for_quiet)
 
 import maps
 from trak_machine import BIN, MIB, Machine
-from trak_testing import Failed
+from trak_testing import Failed, run
 
 LOADS = {
     "write-4k": ["--rw=randwrite", "--bs=4k", "--iodepth=16"],
@@ -47,71 +51,160 @@ def fill(image, size):
         os.fsync(file.fileno())
 
 
+def cow_volume(machine, size):
+    """A file system for COW files on another image of the same disk: like the image itself with real
+    blocks everywhere and direct I/O underneath, so that no contender's copies stay in memory."""
+    image = machine.path("cow.img")
+    fill(image, size)
+    run("mke2fs", "-q", "-F", "-t", "ext4", "-E", "nodiscard", image)
+    return machine.mount(machine.loop(image, "--direct-io=on"), "cow")
+
+
+def wanted(options, names):
+    return [name for name in names if re.search(options.filter, name)]
+
+
+def add(results, name, peer, one):
+    results.setdefault(name, {}).setdefault(peer.name, []).append(one)
+    print(f"  {peer.name:14} {name:20} {one['iops']:9.0f} /s {one['mib_s']:7.0f} MiB/s "
+          f"p99 {one['p99_us']:7.0f} us", flush=True)
+
+
+def load_on(peer, device, load, seconds):
+    """One load, with what the peer's processes did meanwhile."""
+    cpu, (calls, waited) = seconds_of(peer.cpu_pids()), peer.syncs()
+    one = fio(device, load, seconds)
+    calls_after, waited_after = peer.syncs()
+    one["cpu_us_per_io"] = (seconds_of(peer.cpu_pids()) - cpu) * 1e6 / max(one["ios"], 1)
+    one["syncs"] = calls_after - calls
+    one["sync_share"] = (waited_after - waited) / max(one["seconds"], 1e-3)
+    return one
+
+
 def measure(peer, loads, seconds, results):
     with peer:
         for name, load in loads.items():
-            before = seconds_of(peer.cpu_pids())
-            one = fio(peer.loop, load, seconds)
-            one["cpu_us_per_io"] = (seconds_of(peer.cpu_pids()) - before) * 1e6 / max(one["ios"], 1)
-            results.setdefault(name, {}).setdefault(peer.name, []).append(one)
-            print(f"  {peer.name:14} {name:13} {one['iops']:9.0f} /s {one['mib_s']:7.0f} MiB/s "
-                  f"p99 {one['p99_us']:7.0f} us", flush=True)
+            add(results, name, peer, load_on(peer, peer.loop, load, seconds))
 
 
 def io_part(machine, image, options, results):
-    for turn in range(options.rounds):
+    loads = {name: LOADS[name] for name in wanted(options, LOADS)}
+    for turn in range(options.rounds if loads else 0):
         print(f"io, round {turn + 1} of {options.rounds}", flush=True)
         for kind in (Bare, Trak, Qsd):
             wait_for_quiet()
-            measure(kind(machine, image), LOADS, options.seconds, results)
+            measure(kind(machine, image), loads, options.seconds, results)
 
 
-def first_touch(requests, name, load):
-    return {name: [*load, f"--number_ios={requests if '4k' in name else requests // 16}"]}
+def first_touch(options, machine, image, cow, results):
+    """Each load meets a new snapshot."""
+    requests = options.size * MIB // 65536 // 4
+    for name in wanted(options, FIRST):
+        number = requests if "4k" in name else requests // 16
+        load = {name: [*FIRST[name], f"--number_ios={number}"]}
+        for kind in (Bare, TrakSnap, TrakSnap4k, QsdCbw):
+            wait_for_quiet()
+            peer = kind(machine, image) if kind is Bare else kind(machine, image, cow)
+            measure(peer, load, 0, results)
+
+
+SNAP_READS = [f"snap-{load}-{state}" for state in ("unpreserved", "preserved") for load in
+              ("read-4k", "read-1m")]
+AGAIN = ["again-write-4k", "again-read-4k"]
+
+
+def load_of(name):
+    return LOADS[re.search("(read|write)-(4k|1m)", name)[0]]
+
+
+def read_snap(peer, names, seconds, results):
+    loop = peer.m.loop(peer.d.node("trak1"), "--direct-io=on", "--read-only")
+    for name in names:
+        add(results, name, peer, load_on(peer, loop, load_of(name), seconds))
+    peer.m.unloop(loop)
+
+
+def touched_again(options, machine, image, cow, results):
+    """The second touch, and reads of the snapshot: before anything is preserved, and afterwards."""
+    reads, again = wanted(options, SNAP_READS), wanted(options, AGAIN)
+    seconds = max(1, options.seconds - 1)
+    for kind in (Bare, Trak, TrakSnap):
+        if not (again if kind is Trak else reads if kind is Bare else reads + again):
+            continue
+        wait_for_quiet()
+        with kind(machine, image, cow) if kind is TrakSnap else kind(machine, image) as peer:
+            if kind is Bare:
+                for load in {name.rpartition("-")[0] for name in reads}:
+                    one = load_on(peer, peer.loop, load_of(load), seconds)
+                    for name in reads:
+                        if name.startswith(load):
+                            add(results, name, peer, one)
+                continue
+            if kind is TrakSnap:
+                read_snap(peer, [name for name in reads if "-unp" in name], seconds, results)
+            fio(peer.loop, ["--rw=write", "--bs=1M", "--iodepth=4", f"--size={options.size}M"], 0)
+            for name in again:
+                add(results, name, peer, load_on(peer, peer.loop, load_of(name), seconds))
+            if kind is TrakSnap:
+                peer.forget_cached()
+                read_snap(peer, [name for name in reads if "-pre" in name], seconds, results)
+
+
+def start_in_the_middle(peer, seconds, moments):
+    time.sleep(seconds / 2)
+    moments.append(time.time() * 1000)
+    peer.control.start(1)
+    moments.append(time.time() * 1000)
+
+
+def started_under_load(options, machine, image, cow, results):
+    """A snapshot is started in the middle of a load: on the node, and on a file system on it, which is
+    frozen meanwhile."""
+    for name in wanted(options, ["start-write-4k", "start-write-4k-ext4"]):
+        wait_for_quiet()
+        with TrakStarting(machine, image, cow) as peer:
+            device, load = peer.loop, [*LOADS["write-4k"]]
+            if name.endswith("ext4"):
+                run("mke2fs", "-q", "-F", "-t", "ext4", "-E", "nodiscard", peer.loop)
+                device = f"{machine.mount(peer.loop, 'living')}/file"
+                load += [f"--size={options.size // 4}M", "--overwrite=1"]
+                fio(device, ["--rw=write", "--bs=1M", f"--size={options.size // 4}M"], 0)
+            log, moments = machine.path("load"), []
+            load += [f"--write_lat_log={log}", "--log_unix_epoch=1"]
+            starter = threading.Thread(target=start_in_the_middle,
+                                       args=(peer, options.seconds, moments))
+            starter.start()
+            one = load_on(peer, device, load, options.seconds)
+            starter.join(120)
+            if len(moments) != 2:
+                raise Failed("the snapshot was not started")
+            one["start_ms"] = moments[1] - moments[0]
+            one["longest_us"] = longest_write(f"{log}_lat.1.log", *moments)
+            add(results, name, peer, one)
+            if name.endswith("ext4"):
+                machine.umount(machine.path("living"))
 
 
 def snap_part(machine, image, options, results):
-    """Each first-touch load meets a new snapshot; then the second touch, and reads."""
-    cow = machine.volume("cow", 2 * options.size * MIB)
-    requests = options.size * MIB // 65536 // 2
+    cow = cow_volume(machine, options.size * MIB * 3 // 2)
     for turn in range(options.rounds):
         print(f"snap, round {turn + 1} of {options.rounds}", flush=True)
-        for name, load in FIRST.items():
-            for kind in (Bare, TrakSnap, TrakSnap4k, QsdCbw):
-                wait_for_quiet()
-                peer = kind(machine, image) if kind is Bare else kind(machine, image, cow)
-                measure(peer, first_touch(requests, name, load), 0, results)
-        for kind in (Trak, TrakSnap):
-            wait_for_quiet()
-            peer = kind(machine, image) if kind is Trak else kind(machine, image, cow)
-            touched_again(peer, options, results)
+        first_touch(options, machine, image, cow, results)
+        touched_again(options, machine, image, cow, results)
+        started_under_load(options, machine, image, cow, results)
 
 
-def touched_again(peer, options, results):
-    def add(name, device, load):
-        results.setdefault(name, {}).setdefault(peer.name, []).append(
-            fio(device, LOADS[load], options.seconds))
-
-    with peer:
-        fio(peer.loop, ["--rw=write", "--bs=1M", "--iodepth=4", f"--size={options.size}M"], 0)
-        for load in ("write-4k", "read-4k"):
-            add(f"again-{load}", peer.loop, load)
-        if isinstance(peer, TrakSnap):
-            loop = peer.m.loop(peer.d.node("trak1"), "--direct-io=on", "--read-only")
-            for load in ("read-4k", "read-1m"):
-                add(f"snap-{load}", loop, load)
-            peer.m.unloop(loop)
-
-
-def inproc_part():
+def inproc_part(options, machine):
     program = os.path.join(BIN, "bench_inproc")
     if not os.path.exists(program):
         print("inproc: bench_inproc is not built (libbenchmark-dev)")
         return []
-    done = subprocess.run([program, "--benchmark_format=json", "--benchmark_min_time=0.5",
+    done = subprocess.run([program, "--benchmark_format=json", "--benchmark_min_time=0.2",
+                           f"--benchmark_filter={options.filter or '.'}",
                            "--benchmark_repetitions=3", "--benchmark_report_aggregates_only=true"],
-                          stdout=subprocess.PIPE, text=True, timeout=600, check=True)
-    return [one for one in json.loads(done.stdout)["benchmarks"]
+                          stdout=subprocess.PIPE, text=True, timeout=600, check=True,
+                          env={**os.environ, "TRAK_BENCH_COW_DIR": machine.folder("inproc")})
+    return [one for one in json.loads(done.stdout or '{"benchmarks": []}')["benchmarks"]
             if one.get("aggregate_name", "median") == "median"]
 
 
@@ -119,18 +212,30 @@ def median(rounds, key):
     return statistics.median(one[key] for one in rounds)
 
 
+def more_of(rounds):
+    """What only some loads have."""
+    texts = []
+    if rounds[0].get("syncs"):
+        texts.append(f"{median(rounds, 'sync_share') * 100:.0f} % in {rounds[0]['syncs']} syncs")
+    if "longest_us" in rounds[0]:
+        texts.append(f"start {median(rounds, 'start_ms'):.0f} ms, longest write meanwhile "
+                     f"{median(rounds, 'longest_us') / 1000:.1f} ms")
+    return ", ".join(texts)
+
+
 def table(results):
     lines = ["| load | on | IOPS | MiB/s | p99 us | p99.9 us | CPU us/request | of bare | of trak "
-             "|", "|---|---|---|---|---|---|---|---|---|"]
+             "| more |", "|---|---|---|---|---|---|---|---|---|---|"]
     for name, peers in results.items():
         iops = {peer: median(rounds, "iops") for peer, rounds in peers.items()}
         for peer, rounds in peers.items():
             ratio = [f"{iops[peer] / iops[base]:.2f}" if iops.get(base) else "" for base in
                      ("bare", "trak")]
-            cpu = median(rounds, "cpu_us_per_io") if "cpu_us_per_io" in rounds[0] else 0
+            cpu = median(rounds, "cpu_us_per_io")
             mib_s, p99, p999 = (median(rounds, key) for key in ("mib_s", "p99_us", "p999_us"))
             lines.append(f"| `{name}` | {peer} | {iops[peer]:.0f} | {mib_s:.0f} | {p99:.0f} | "
-                         f"{p999:.0f} | {f'{cpu:.1f}' if cpu else ''} | {ratio[0]} | {ratio[1]} |")
+                         f"{p999:.0f} | {f'{cpu:.1f}' if cpu else ''} | {ratio[0]} | {ratio[1]} | "
+                         f"{more_of(rounds)} |")
     return "\n".join(lines)
 
 
@@ -163,22 +268,23 @@ def main():
     parser.add_argument("--seconds", type=int, default=4, help="for each load")
     parser.add_argument("--size", type=int, default=1024, help="MiB of the image")
     parser.add_argument("--only", choices=("io", "snap", "inproc", "maps"))
+    parser.add_argument("--filter", default="", help="rows whose names it is found in")
     parser.add_argument("--json", default="build/bench.json")
     options = parser.parse_args()
-    wanted = [options.only] if options.only else ["io", "snap", "inproc", "maps"]
+    parts = [options.only] if options.only else ["io", "snap", "inproc", "maps"]
     results, rows, built, left = {}, [], [], []
     machine = Machine()
     try:
-        if "io" in wanted or "snap" in wanted:
+        if "io" in parts or "snap" in parts:
             image = machine.path("disk.img")
             fill(image, options.size * MIB)
-        if "io" in wanted:
+        if "io" in parts:
             io_part(machine, image, options, results)
-        if "snap" in wanted:
+        if "snap" in parts:
             snap_part(machine, image, options, results)
-        if "inproc" in wanted:
-            rows = inproc_part()
-        if "maps" in wanted:
+        if "inproc" in parts:
+            rows = inproc_part(options, machine)
+        if "maps" in parts and re.search(options.filter, "maps"):
             built = maps.part(machine, options.rounds)
     finally:
         left = machine.close()
