@@ -24,6 +24,7 @@ enum { bio_reserve = 64, loan_reserve = 16 };
 struct own_bio {
     os_bio_end_io_fn end_io;
     os_bio_destructor_fn destructor;
+    uint32_t room; /* pieces asked for; the kernel may have made room for more */
     uint16_t idx;
     bool uptodate;
     struct bio bio; /* last: its vectors follow */
@@ -104,8 +105,10 @@ struct os_bio *os_bio_alloc(os_gfp gfp, uint32_t max_vecs) {
     if (max_vecs > BIO_MAX_VECS)
         return NULL;
     bio = bio_alloc_bioset(NULL, max_vecs, 0, os_linux_gfp(gfp), &made_bios);
-    if (bio)
-        own_init(bio);
+    if (!bio)
+        return NULL;
+    own_init(bio);
+    own((struct os_bio *)bio)->room = max_vecs;
     return (struct os_bio *)bio;
 }
 
@@ -113,8 +116,10 @@ struct os_bio *os_bio_clone(struct os_bio *bio, os_gfp gfp) {
     struct bio *from = real_bio(bio);
     struct bio *clone = bio_alloc_clone(from->bi_bdev, from, os_linux_gfp(gfp), &cloned_bios);
 
-    if (clone)
-        own_init(clone);
+    if (!clone)
+        return NULL;
+    own_init(clone);
+    own((struct os_bio *)clone)->room = 0;
     return (struct os_bio *)clone;
 }
 
@@ -130,7 +135,7 @@ void os_bio_put(struct os_bio *bio) {
 bool os_bio_add_page(struct os_bio *bio, struct os_page *page, uint32_t len, uint32_t offset) {
     struct bio *b = real_bio(bio);
 
-    if (b->bi_vcnt >= b->bi_max_vecs)
+    if (b->bi_vcnt >= own(bio)->room)
         return false;
     __bio_add_page(b, (struct page *)page, len, offset);
     return true;
