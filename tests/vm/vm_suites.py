@@ -193,6 +193,7 @@ class Fs(OnTrak):
         return made
 
     def files(self, initramfs):
+        initramfs.put("etc/scale", b"6\n" if self.long else b"1\n")
         initramfs.put("etc/fs", "".join(
             f"{number} {name} {kind} {options}\n"
             for number, (name, kind, _, _, options) in enumerate(self.KINDS, 2)).encode())

@@ -3,7 +3,9 @@
 # shellcheck shell=dash
 # shellcheck source=tests/vm/guest/trak.sh
 . /suites/trak.sh
-# etc/fs: one line per disk: NUMBER NAME KIND OPTIONS, the last for mounting a snapshot.
+# etc/fs: one line per disk: NUMBER NAME KIND OPTIONS, the last for mounting a snapshot. etc/scale: how
+# many times as many files as in the short form.
+read -r scale </etc/scale
 
 extent=16384
 
@@ -25,7 +27,7 @@ tracks() {
   trakctl bitmap clear 0 diff
   look "$number" /tmp/before
   mount_node "$kind"
-  vm_tool age /mnt/node 1 300 6000
+  vm_tool age /mnt/node 1 $((120 * scale)) 6000
   cp -r /mnt/node/d0 /mnt/node/copied
   sync
   umount /mnt/node
@@ -64,7 +66,7 @@ snapshots() {
   add_filter $extent "$number"
   mount_node "$kind"
   mkdir /mnt/node/tree /mnt/node/other /mnt/node/new
-  vm_tool age /mnt/node/tree 2 240 9000
+  vm_tool age /mnt/node/tree 2 $((120 * scale)) 9000
   rm -f /tmp/stop
   vm_tool churn /mnt/node/other 3 /tmp/stop &
   writer=$!
@@ -72,13 +74,13 @@ snapshots() {
   add_snap 1 4K
   trakctl start 1
   rm -r /mnt/node/tree/d0
-  vm_tool age /mnt/node/tree 4 160 9000
+  vm_tool age /mnt/node/tree 4 $((80 * scale)) 9000
   vm_tool sums /mnt/node/tree >/tmp/sums2
   add_snap 2 4K
   trakctl start 2
   show 1 "$kind" "$options" /tmp/sums1
   rm -r /mnt/node/tree/d0
-  vm_tool age /mnt/node/new 5 300 9000
+  vm_tool age /mnt/node/new 5 $((150 * scale)) 9000
   show 2 "$kind" "$options" /tmp/sums2
   show 1 "$kind" "$options" /tmp/sums1
   touch /tmp/stop

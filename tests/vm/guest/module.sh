@@ -113,6 +113,22 @@ mounted_refused() {
   fsck.ext4 -f -n "$(disk 0)"
 }
 
+# A bitmap that would be written through its own node is not written at all.
+own_bitmaps_refused() {
+  mount_maps
+  load
+  mkfs.ext4 -q -F "$(disk 0)" 60M
+  mkdir -p /mnt/node/bmp
+  trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/node/bmp --minor 0
+  trakctl start 0
+  eventually test -b /dev/trak/trak0
+  mount -t ext4 /dev/trak/trak0 /mnt/node
+  mkdir /mnt/node/bmp
+  refuse trakctl bitmap save 0 incr
+  refuse trakctl bitmap save 0 diff
+  [ -z "$(ls /mnt/node/bmp)" ]
+}
+
 not_while_loaded_twice() {
   load
   refuse load
@@ -128,4 +144,5 @@ try module.is_loaded_once not_while_loaded_twice
 try module.stays_while_a_node_or_the_control_device_is_open unload_refused
 try module.takes_its_nodes_along unload_takes_nodes_along
 try module.mounted_nodes_are_neither_stopped_nor_deleted mounted_refused
+try module.bitmaps_on_the_node_itself_are_refused own_bitmaps_refused
 try module.leaves_nothing_in_the_end nothing_left
