@@ -26,6 +26,11 @@ static inline bool compat_bdev_mounted(struct block_device *bdev) {
     return READ_ONCE(bdev->bd_super) != NULL;
 }
 
+/* After a freeze: whether there was a file system to freeze. */
+static inline bool compat_bdev_frozen(struct block_device *bdev) {
+    return READ_ONCE(bdev->bd_fsfreeze_sb) != NULL;
+}
+
 static inline int compat_bdev_freeze(struct block_device *bdev) {
     return freeze_bdev(bdev);
 }

@@ -35,6 +35,11 @@ static inline bool compat_bdev_mounted(struct block_device *bdev) {
     return mounted;
 }
 
+/* After a freeze: whether there was a file system to freeze. */
+static inline bool compat_bdev_frozen(struct block_device *bdev) {
+    return compat_bdev_mounted(bdev);
+}
+
 static inline int compat_bdev_freeze(struct block_device *bdev) {
     return bdev_freeze(bdev);
 }
