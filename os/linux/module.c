@@ -5,15 +5,13 @@
 // device holds a reference. The exit function itself can't refuse: an unload step that fails (a disk
 // that is still being let go, say) is tried again until it succeeds, for code and data of the module
 // are gone the moment that the function returns.
-#include <generated/utsrelease.h>
-#include <linux/bug.h>
 #include <linux/init.h>
 #include <linux/kernel.h>
 #include <linux/module.h>
 #include <linux/sched.h>
 
 #include "os/linux/block.h"
-#include "os/task.h"
+#include "os/base.h"
 
 /* The driver's entries and parameters (driver/module/module.h and params.h). */
 int trak_init(void);
@@ -24,23 +22,6 @@ extern int32_t trak_blk_major;
 extern int32_t trak_max_blk_minor;
 
 static_assert(PAGE_SIZE == OS_PAGE_SIZE, "the driver's pages are the kernel's");
-
-const char *os_utsrelease(void) {
-    return UTS_RELEASE;
-}
-
-void os_module_get(void) {
-    __module_get(THIS_MODULE);
-}
-
-void os_module_put(void) {
-    module_put(THIS_MODULE);
-}
-
-void os_bug(const char *file, int line, const char *condition) {
-    pr_crit("trak: %s:%d: %s\n", file, line, condition);
-    BUG();
-}
 
 static int __init trak_module_init(void) {
     int rc = trak_bio_init();

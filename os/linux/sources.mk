@@ -1,6 +1,7 @@
-# os/linux/sources.mk: every C file of the glue
+# os/linux/sources.mk: every C file of the glue but module.c, which makes a module of it
 # SPDX-License-Identifier: GPL-2.0-only
 TRAK_GLUE := \
+	base.c \
 	bdev.c \
 	bio.c \
 	chardev.c \
@@ -10,7 +11,6 @@ TRAK_GLUE := \
 	lock.c \
 	log.c \
 	memory.c \
-	module.c \
 	path.c \
 	proc.c \
 	queue.c \

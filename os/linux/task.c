@@ -2,8 +2,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "os/task.h"
 
+#include <generated/utsrelease.h>
 #include <linux/err.h>
 #include <linux/kthread.h>
+#include <linux/module.h>
 #include <linux/pid.h>
 #include <linux/preempt.h>
 #include <linux/sched.h>
@@ -72,4 +74,16 @@ void os_daemonize(const char *name) {
 void os_complete_and_exit(struct os_completion *completion, long code) {
     if (completion)
         kthread_complete_and_exit(real_os_completion(completion), code);
+}
+
+void os_module_get(void) {
+    __module_get(THIS_MODULE);
+}
+
+void os_module_put(void) {
+    module_put(THIS_MODULE);
+}
+
+const char *os_utsrelease(void) {
+    return UTS_RELEASE;
 }

@@ -157,9 +157,12 @@ def check_words(tree):
                             f"'{match.group(0).strip()}': {instead}")
 
 
+LISTS = ("CMakeLists.txt", "sources.mk")
+
+
 def check_test_lists(tree):
-    """A test source that no CMakeLists.txt names is never run."""
-    lists = {p: tree.text(p) for p in tree.paths if p.endswith("CMakeLists.txt")}
+    """A test source that no CMakeLists.txt names (for a kernel module: no sources.mk) is never run."""
+    lists = {p: tree.text(p) for p in tree.paths if p.endswith(LISTS)}
     for path in tree.paths:
         if not in_any(path, ["tests"]) or "/data/" in path:
             continue
@@ -167,7 +170,7 @@ def check_test_lists(tree):
         if not path.endswith((".cpp", ".c")) and not re.match(r"test_\w+\.py$|.*_test\.py$", name):
             continue
         folders = path.split("/")[:-1]
-        owners = ["/".join(folders[:n] + ["CMakeLists.txt"]) for n in range(len(folders), 0, -1)]
+        owners = ["/".join(folders[:n] + [x]) for n in range(len(folders), 0, -1) for x in LISTS]
         if path == "tests/support/test_main.cpp":
             continue  # part of trak_add_test itself
         if not any(re.search(rf"(?<![\w.-]){re.escape(name)}\b", lists.get(o) or "")

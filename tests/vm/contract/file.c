@@ -1,0 +1,102 @@
+// tests/vm/contract/file.c: files of os/file.h
+// SPDX-License-Identifier: GPL-2.0-only
+#include "os/file.h"
+
+#include <linux/err.h>
+
+#include "tests/vm/contract/contract.h"
+
+#define NAME "/tmp/contract_file"
+
+static struct os_file *make(void) {
+    return os_filp_open(NAME, OS_O_RDWR | OS_O_CREAT | OS_O_TRUNC, 0600);
+}
+
+static void what_was_written_is_read(void) {
+    struct os_file *file = make();
+    char text[32] = "";
+    int64_t pos = 1000;
+
+    ASSERT(!os_is_err(file));
+    EXPECT(os_vfs_write(file, "0123456789", 10, &pos) == 10);
+    EXPECT(pos == 1010);
+    EXPECT(os_file_size(file) == 1010);
+    EXPECT(os_vfs_fsync(file) == 0);
+    pos = 1004;
+    EXPECT(os_vfs_read(file, text, sizeof(text), &pos) == 6); /* fewer, at the end */
+    EXPECT(pos == 1010 && strcmp(text, "456789") == 0);
+    EXPECT(os_vfs_read(file, text, sizeof(text), &pos) == 0);
+    pos = 0;
+    EXPECT(os_vfs_read(file, text, 4, &pos) == 4 && !memchr_inv(text, 0, 4)); /* the hole */
+    EXPECT(os_filp_close(file) == 0);
+}
+
+static void truncation_empties_the_file(void) {
+    struct os_file *file = make();
+    int64_t pos = 0;
+
+    ASSERT(!os_is_err(file));
+    EXPECT(os_vfs_write(file, "text", 4, &pos) == 4);
+    EXPECT(os_filp_close(file) == 0);
+    file = os_filp_open(NAME, OS_O_RDWR, 0);
+    ASSERT(!os_is_err(file));
+    EXPECT(os_file_size(file) == 4);
+    EXPECT(os_filp_close(file) == 0);
+    file = os_filp_open(NAME, OS_O_RDWR | OS_O_TRUNC | OS_O_LARGEFILE, 0600);
+    ASSERT(!os_is_err(file));
+    EXPECT(os_file_size(file) == 0);
+    EXPECT(os_filp_close(file) == 0);
+}
+
+static void what_cannot_be_opened_says_why(void) {
+    EXPECT(os_ptr_err(os_filp_open("/tmp/contract_missing", OS_O_RDONLY, 0)) == -ENOENT);
+    EXPECT(os_ptr_err(os_filp_open("/tmp", OS_O_RDWR, 0)) == -EISDIR);
+    EXPECT(os_ptr_err(os_filp_open("tmp/relative", OS_O_RDONLY, 0)) == -EINVAL);
+    EXPECT(os_ptr_err(os_filp_open(NAME "/below", OS_O_RDONLY, 0)) == -ENOTDIR);
+}
+
+static void a_write_of_a_file_open_for_reading_fails(void) {
+    struct os_file *file = make();
+    int64_t pos = 0;
+
+    ASSERT(!os_is_err(file));
+    EXPECT(os_filp_close(file) == 0);
+    file = os_filp_open("/dev/full", OS_O_RDWR, 0);
+    ASSERT(!os_is_err(file));
+    EXPECT(os_vfs_write(file, "text", 4, &pos) == -ENOSPC);
+    EXPECT(pos == 0);
+    EXPECT(os_vfs_fsync(file) == 0); /* it has no such operation */
+    EXPECT(os_filp_close(file) == 0);
+}
+
+static void open_and_close(void *arg) {
+    struct os_file *file = os_filp_open(NAME, OS_O_RDWR, 0);
+    struct file *real = (struct file *)file;
+    struct inode *inode;
+
+    ASSERT(!os_is_err(file));
+    inode = file_inode(real);
+    EXPECT(atomic_read(&inode->i_writecount) == 1);
+    ihold(inode);
+    EXPECT(os_filp_close(file) == 0);
+    EXPECT(atomic_read(&inode->i_writecount) == 0);
+    iput(inode);
+}
+
+static void a_thread_lets_its_file_go_at_once(void) {
+    struct contract_thread thread;
+
+    /* The tests before closed the file in this process, which lets go of it on its way out. */
+    EXPECT(os_filp_close(os_filp_open(NAME "2", OS_O_WRONLY | OS_O_CREAT, 0600)) == 0);
+    ASSERT(contract_start(&thread, open_and_close, NULL) > 0);
+    contract_join(&thread);
+}
+
+const struct contract_test file_tests[] = {
+    CONTRACT(file, what_was_written_is_read),
+    CONTRACT(file, truncation_empties_the_file),
+    CONTRACT(file, what_cannot_be_opened_says_why),
+    CONTRACT(file, a_write_of_a_file_open_for_reading_fails),
+    CONTRACT(file, a_thread_lets_its_file_go_at_once),
+    {},
+};

@@ -1,0 +1,15 @@
+# tests/vm/contract/sources.mk: every C file of the contract suite's module
+# SPDX-License-Identifier: GPL-2.0-only
+TRAK_CONTRACT := \
+	chardev.c \
+	file.c \
+	helpers.c \
+	lock.c \
+	log.c \
+	main.c \
+	memory.c \
+	path.c \
+	proc.c \
+	task.c \
+	uaccess.c \
+	wait.c
