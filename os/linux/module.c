@@ -10,8 +10,8 @@
 #include <linux/module.h>
 #include <linux/sched.h>
 
-#include "os/linux/block.h"
 #include "os/base.h"
+#include "os/linux/block.h"
 
 /* The driver's entries and parameters (driver/module/module.h and params.h). */
 int trak_init(void);

@@ -15,6 +15,7 @@ sys.path.insert(0, str(Path(__file__).parent))
 
 import build_checks  # noqa: E402
 import layers  # noqa: E402
+import module_checks  # noqa: E402
 import text_checks  # noqa: E402
 import tool_checks  # noqa: E402
 from sources import Fault, Tree  # noqa: E402
@@ -34,6 +35,7 @@ FAST = (
 )
 COMPILING = (
     build_checks.check_kernel_flags,
+    module_checks.check_module,
     build_checks.check_tidy,
 )
 
