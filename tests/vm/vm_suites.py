@@ -140,6 +140,13 @@ class Aged(Suite):
                 report.fail(test, "the readers and the tools disagree; see above")
 
 
+class Contract(Suite):
+    """The glue alone, with the tests of tests/vm/contract: trak_contract.ko."""
+
+    name = "contract"
+    about = "the contracts of os/*.h, test by test, in this kernel"
+
+
 class OnTrak(Suite):
     """A suite of the module: disk 0 is filtered, disk 1 (ext4) has the bitmap files and COW files."""
 
@@ -249,4 +256,4 @@ class Power(OnTrak):
                      f"{self.folder}/maps.img")
 
 
-SUITES = {suite.name: suite for suite in (Aged, Module, Fs, Faults, Io, Power)}
+SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Fs, Faults, Io, Power)}
