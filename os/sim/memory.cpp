@@ -13,6 +13,7 @@
 #include "os/sim/kernel.h"
 #include "os/sim/page.h"
 #include "os/sim/sanitizer.h"
+#include "os/sim/shelves.h"
 
 extern "C" const char __executable_start;  // the linker's
 
@@ -77,6 +78,11 @@ void release(Block *block) {
     std::free(block);
 }
 
+// Large or many: what malloc would spend most of the time on.
+bool is_kept(Kind kind, std::size_t size) {
+    return kind == Kind::kPage || kind == Kind::kBio || size >= 32768;
+}
+
 // Where the bytes stop being all of this value; size: nowhere. Compares the memory with itself one byte
 // on, which the C library does fast.
 std::size_t first_other(const unsigned char *bytes, std::size_t size, unsigned char value) {
@@ -137,7 +143,10 @@ bool may_allocate(os_gfp gfp, const char *function) {
 
 void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
     Kernel &k = kernel();
-    auto *block = static_cast<Block *>(std::malloc(kHeader + size + kMark));
+    void *piece = is_kept(kind, size) ? shelves().take(kHeader + size) : nullptr;
+    if (!piece)
+        piece = std::malloc(kHeader + size + kMark);
+    auto *block = static_cast<Block *>(piece);
     if (!block)
         fail("the test machine has no %zu bytes", size);
     *block = Block{nullptr, k.blocks, size, k.steps, caller, kind, false, kLive};
@@ -189,6 +198,8 @@ void mem_free(Kind kind, void *p, const char *function) {
         close_header(block->next);
     }
     block->magic = kFreed;
+    if (OS_SIM_ASAN && is_kept(kind, block->size) && shelves().keep(block, kHeader + block->size))
+        return;
     std::memset(p, kDead, block->size);
     if (OS_SIM_ASAN)
         release(block);
@@ -214,6 +225,10 @@ std::string mem_leaks() {
         return "";
     return format("%u pieces were not given back (%u expected):", count, kernel().expected_leaks) +
            text;
+}
+
+void keep_memory(std::size_t bytes) {
+    shelves().set_limit(bytes);
 }
 
 void expect_leaked_pieces(unsigned count) {

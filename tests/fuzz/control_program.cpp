@@ -3,7 +3,8 @@
 //
 // Bytes 0 to 3: the seed of the schedule. Byte 4: the number of processes, which share the rest in
 // equal parts. Byte 5: how many steps of a usual beginning are made first (two filters, started, a
-// snap of each, started), so that short inputs reach far. Then each process takes one byte as what to
+// snap of each, started), so that short inputs reach far; from kFirstDetailed on with every message
+// in the log. Then each process takes one byte as what to
 // do and the next ones as its arguments, until its part is used up; what lies beyond the end reads
 // as zero.
 //
@@ -32,6 +33,7 @@ constexpr std::uint32_t chunk_size = 65536;
 constexpr std::size_t record_room = 8192;  // more than any record
 constexpr std::size_t bitmap_room = 4096;
 constexpr std::size_t head_size = 6;
+constexpr std::uint8_t kFirstDetailed = 216;
 constexpr int most_operations = 60;
 
 class Input {
@@ -58,6 +60,8 @@ class Input {
   private:
     std::span<const std::uint8_t> left_;
 };
+
+int snaps_in_the_making;  // calls under way
 
 // A process of the machine: what it has open, and its memory.
 class Caller {
@@ -92,7 +96,26 @@ class Caller {
     template <typename Record> void call(std::uint32_t code, const Record &record) {
         std::memcpy(memory(), &record, sizeof record);
         mangle(sizeof record);
-        (void)sim::chr_ioctl(code, record_);
+        issue(code, record_);
+    }
+    // No call fails while a snap is made, whoever asks for it.
+    void issue(std::uint32_t code, os_uaddr at) {
+        if (code != TRAK_ADD_SNAP_NODE) {
+            const auto access = in_.below(16);
+            protect(record_, access);
+            // Now and then the record goes on beyond the end of the memory.
+            (void)sim::chr_ioctl(code, access == 4 ? at + record_room - in_.below(64) : at);
+            protect(record_, 0);
+            return;
+        }
+        ++snaps_in_the_making;
+        sim::fail_none();
+        (void)sim::chr_ioctl(code, at);
+        --snaps_in_the_making;
+    }
+    // 1: can't be written to; 2: can't be read; 3: neither. Else both can be done.
+    static void protect(os_uaddr at, std::uint32_t access) {
+        sim::user_protect(at, access != 2 && access != 3, access != 1 && access != 3);
     }
     std::uint8_t *memory() { return sim::user_bytes(record_, record_room).data(); }
     // Now and then a piece of the record is overwritten by the input.
@@ -109,7 +132,6 @@ class Caller {
             return;
         std::memcpy(memory() + offsetof(trak_add_snap_arg, chunk_size), &chunk_size,
                     sizeof chunk_size);
-        sim::fail_none();
     }
     std::uint32_t minor() {
         const std::uint8_t b = in_.take<std::uint8_t>();
@@ -168,7 +190,6 @@ void Caller::add_snap() {
     text(arg.cow_bmp_fname, bitmaps);
     text(arg.cow_data_fname, data);
     arg.chunk_size = chunk_size;
-    sim::fail_none();
     call(TRAK_ADD_SNAP_NODE, arg);
 }
 
@@ -191,11 +212,16 @@ void Caller::bitmap_command() {
     // 32 is the size for the first disk and extents of 4096 bytes.
     static constexpr std::uint32_t sizes[] = {32, 2, 0, 4096, 0xffffffff};
     arg.size = sizes[in_.below(std::size(sizes))];
-    if (in_.below(4) == 0)
+    const auto address = in_.below(8);
+    if (address == 0)
         arg.data = in_.take<std::uint64_t>();
+    else if (address == 4)
+        arg.data = bitmap_ + bitmap_room - in_.below(64);  // and beyond its end
     const auto bits = in_.some(bitmap_room);
     std::copy(bits.begin(), bits.end(), sim::user_bytes(bitmap_, bitmap_room).begin());
+    protect(bitmap_, address);
     call(with_data[choice - std::size(plain)], arg);
+    protect(bitmap_, 0);
 }
 
 void Caller::information() {
@@ -224,7 +250,7 @@ void Caller::raw_command() {
     if (code == TRAK_ADD_SNAP_NODE)
         keep_chunk_size(code, sizeof(trak_add_snap_arg));
     const bool usual_address = code == TRAK_ADD_SNAP_NODE || in_.below(4) != 0;
-    (void)sim::chr_ioctl(code, usual_address ? record_ : in_.take<os_uaddr>());
+    issue(code, usual_address ? record_ : in_.take<os_uaddr>());
 }
 
 void Caller::open_or_close() {
@@ -270,7 +296,7 @@ void Caller::status_tree() {
 
 void Caller::faults() {
     sim::fail_none();
-    if (in_.below(3) != 0)
+    if (in_.below(3) != 0 && snaps_in_the_making == 0)
         sim::fail_nth(static_cast<sim::Fault>(in_.below(static_cast<unsigned>(sim::Fault::kCount))),
                       1 + in_.below(20));
 }
@@ -323,7 +349,9 @@ void run_control_program(std::span<const std::uint8_t> bytes) {
     sim::Options options;
     options.seed = 1 + head.take<std::uint32_t>();
     const std::size_t processes = 1 + head.below(3);
-    const std::uint32_t beginning = head.below(9);
+    const std::uint8_t start = head.take<std::uint8_t>();
+    const std::uint32_t beginning = start % kBeginnings;
+    const std::int32_t detail = start >= kFirstDetailed ? 4 : 0;
     sim::Storage storage;
     storage.add_disk("sdb", os_mkdev(8, 16), 1 << 20, 512);
     storage.add_disk("sdc", os_mkdev(8, 32), 1 << 18, 4096);
@@ -332,8 +360,9 @@ void run_control_program(std::span<const std::uint8_t> bytes) {
     storage.mount("/cow", os_mkdev(8, 48));
     storage.write_file("/bmp/file", {});
     int rc = 0;
+    snaps_in_the_making = 0;  // the boot before may have ended in the middle
     sim::World(storage, options).run([&] {
-        trak_debug = 4;
+        trak_debug = detail;
         rc = trak_init();
         if (rc != 0)
             return;

@@ -9,6 +9,12 @@
 
 namespace fuzz {
 
+// Where an input says how it begins: that value modulo kBeginnings is the number of steps, of which up to
+// kCheapSteps start no snap.
+constexpr std::size_t kBeginningAt = 5;
+constexpr std::uint8_t kBeginnings = 9;
+constexpr std::uint8_t kCheapSteps = 3;
+
 // Boots a machine, loads the driver, lets up to three processes do at once what the bytes say
 // (commands with whole or mangled records, reads and writes of nodes, the status tree, failing calls),
 // and unloads. Any bytes are a program. Throws sim::Failure when the machine broke a rule or the

@@ -97,6 +97,27 @@ TEST(sim_memory, a_write_to_freed_memory_is_found) {
         "heap-use-after-free", "freed memory was written to: byte 3");
 }
 
+TEST(sim_memory, a_write_to_memory_that_is_kept_for_later_is_found) {
+    sim::keep_memory(1 << 20);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(failure_of([] {
+                      auto *p = static_cast<unsigned char *>(os_vmalloc(100'000));
+                      EXPECT_EQ(p[99'999], 0xa5);
+                      p[99'999] = 1;
+                      os_vfree(p);
+                  }),
+                  "");
+    expect_caught(
+        [] {
+            auto *p = static_cast<volatile char *>(os_vmalloc(100'000));
+            os_vfree(const_cast<char *>(p));
+            p[3] = 1;
+        },
+        "use-after-poison", "freed memory was written to: byte 3");
+    EXPECT_SAYS(failure_of([] { EXPECT_NE(os_vmalloc(100'000), nullptr); }), "not given back");
+    sim::keep_memory(0);
+}
+
 TEST(sim_memory, wrong_frees_are_found) {
     EXPECT_SAYS(failure_of([] { os_kfree(os_vmalloc(10)); }),
                 "os_kfree: wants a os_kmalloc, got a os_vmalloc");
