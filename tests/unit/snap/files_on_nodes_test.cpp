@@ -117,6 +117,39 @@ TEST(files_on_nodes, snapshot_of_the_host_freezes_it_under_snaps_that_live_on_it
     });
 }
 
+// Whoever writes what is not preserved yet waits; nobody else does.
+TEST(files_on_nodes, cow_file_that_stalls_holds_up_the_writes_that_need_it_alone) {
+    sim::for_each_seed(10, [](std::uint64_t seed) {
+        with_host(seed, [](Machine &machine) {
+            ASSERT_EQ(add_filter(0), 0);
+            ASSERT_EQ(start(0), 0);
+            ASSERT_EQ(add_hosted_snap(1), 0);
+            ASSERT_EQ(start(1), 0);
+            os_bdev *bdev = open_node(0);
+            EXPECT_EQ(sim::write_device(bdev, 0, Bytes(4096, 1)), 0);  // preserved
+            machine.storage.disk(kHostDisk).hold(true);
+            bool done = false;
+            sim::Process *writer = sim::spawn("writer", [&done, bdev] {
+                EXPECT_EQ(sim::write_device(bdev, 64, Bytes(4096, 2)), 0);
+                done = true;
+            });
+            sim::sleep_ms(100);
+            EXPECT_FALSE(done);
+            EXPECT_EQ(sim::write_device(bdev, 0, Bytes(4096, 3)), 0);
+            Bytes bytes(512);
+            EXPECT_EQ(sim::read_device(bdev, 128, bytes), 0);
+            EXPECT_BYTES(contents(1, 128, 8), pattern(128, 8));
+            trak_info_arg info{};
+            EXPECT_EQ(command(TRAK_GET_INFO, info), 0);
+            EXPECT_FALSE(done);
+            machine.storage.disk(kHostDisk).hold(false);
+            sim::join(writer);
+            sim::close_device(bdev);
+            EXPECT_BYTES(contents(1, 0, 512), pattern(0, 512));
+        });
+    });
+}
+
 TEST(files_on_nodes, bitmaps_on_another_node_are_saved_and_loaded) {
     sim::for_each_seed(10, [](std::uint64_t seed) {
         with_host(seed, [](Machine &) {
