@@ -26,6 +26,8 @@ def arguments():
     parser.add_argument("--suite", action="append", metavar="NAME", help=(
         f"one of {', '.join(SUITES)}; or all: the long set. Without it the short set, which "
         "./run test runs too"))
+    parser.add_argument("--only", metavar="PATTERN", default="", help=(
+        "of the guest's tests those whose names match, such as 'fs.xfs*'"))
     parser.add_argument("--long", action="store_true", help="the long form of the named suites")
     parser.add_argument("--keep", action="store_true", help="keep disks and logs, and say where")
     parser.add_argument("--shell", action="store_true", help=(
@@ -42,8 +44,6 @@ def arguments():
     options.long = options.long or "all" in names
     if "all" in names:
         names = list(SUITES)
-    elif "short" in names:
-        names = [name for name, suite in SUITES.items() if suite.short]
     options.suite = names
     return options
 
@@ -121,15 +121,18 @@ def machine_of(kernel, suite, disks, words):
                    suite.memory_mib)
 
 
-def boots(kernel, suite, disks, report, deadline):
+def boots(kernel, suite, disks, report, deadline, only):
     """The boots of a suite, the last of which ends in order."""
     dice = random.Random(f"{suite.name} {kernel.series}")
     for number in range(suite.cuts + 1):
         last = number == suite.cuts
-        words = f"suite={suite.name} round={number} last={int(last)}"
+        limit = deadline.within(suite.limit)
+        words = f"suite={suite.name} round={number} last={int(last)} watch={int(limit * 0.9)}"
+        if only:
+            words += f" only={only}"
         cut_after = None if last else dice.uniform(0.2, 5)
-        if not boot(machine_of(kernel, suite, disks, words), suite, report,
-                    deadline.within(suite.limit), cut_after):
+        if not boot(machine_of(kernel, suite, disks, words), suite, report, limit,
+                    cut_after):
             return False
     return True
 
@@ -150,7 +153,7 @@ def run_suite(name, kernel, report, options, deadline):
         initramfs_of(suite, kernel).write(f"{folder}/initramfs")
         if options.shell:
             machine_of(kernel, suite, disks, "suite=shell").shell()
-        elif boots(kernel, suite, disks, report, deadline):
+        elif boots(kernel, suite, disks, report, deadline, options.only):
             suite.check(report)
         if report.count("not ok") > bad and not options.shell:
             print(f"--- the end of the guest's console\n{tail(console_in(folder))}")
@@ -177,7 +180,10 @@ def run_kernel(series, options, deadline):
         report.skip(f"kernel-{series}.is_had", str(why))
     else:
         note(f"kernel {kernel.release}")
-        for name in options.suite:
+        names = options.suite
+        if "short" in names:
+            names = [name for name, suite in SUITES.items() if series in suite.short]
+        for name in names:
             run_suite(name, kernel, report, options, deadline)
     if options.junit:
         report.write(f"{options.junit}/test-vm-{series}.xml")

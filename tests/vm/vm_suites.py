@@ -47,11 +47,11 @@ class Suite:
     name = ""
     about = ""
     needs_trak = True     # the kernel module
-    short = True          # part of ./run test
+    short = ("6.1", "6.12")  # with which kernels it is part of ./run test
     modules = ("virtio_pci", "virtio_blk")  # of the kernel, with what they depend on
     tools = ()            # programs put into the guest
     memory_mib = 1024
-    limit = 900           # seconds for one boot, on a machine ten times slower than yours
+    limit = 1000          # seconds for one boot, on a machine ten times slower than yours
     cuts = 0              # boots that end with the power, before the one that ends in order
     allowed = None        # lines of the kernel's log that are no fault here
 
@@ -215,7 +215,7 @@ class Faults(OnTrak):
     """What fails below, and lack of memory."""
 
     name = "faults"
-    short = False
+    short = ("6.1",)
     about = "full and failing disks below the filter and the COW files; memory pressure"
     modules = (*OnTrak.modules, "dm_mod", "dm_flakey")
     tools = (*OnTrak.tools, "dmsetup")
@@ -230,7 +230,7 @@ class Io(OnTrak):
     """fio, which finds every byte that is not what it wrote."""
 
     name = "io"
-    short = False
+    short = ()
     about = "fio with verification while snapshots come and go"
     tools = (*OnTrak.tools, "fio")
     disk_mib, maps_mib = 64, 256
@@ -243,7 +243,7 @@ class Power(OnTrak):
     """QEMU is killed at random moments, and the guest booted again on the same disks."""
 
     name = "power"
-    short = False
+    short = ("6.12",)
     about = "power cuts while a filter with a snapshot is written"
     maps_mib = 160
 

@@ -20,6 +20,13 @@ while read -r module; do
 done </etc/modules
 mdev -s 2>/dev/null
 
+# Shortly before the host loses patience: what every task that waits is waiting for.
+(
+  sleep "${watch:-800}"
+  echo w >/proc/sysrq-trigger
+  echo l >/proc/sysrq-trigger
+) 3>&- &
+
 if [ "${suite:-}" = shell ]; then
   setsid cttyhack sh
 else

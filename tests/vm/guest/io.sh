@@ -51,7 +51,7 @@ discards() {
       n=$((n + 7))
     done
   ) &
-  fio --name=io --filename=/dev/trak/trak0 --offset=32M --size="${mib}M" --bs=4k --rw=randwrite \
+  fio --name=io --filename=/dev/trak/trak0 --offset=32M --size="${mib}M" --bsrange=512-256k --rw=randwrite \
     --direct=1 --verify=crc32c --randseed=8 --output-format=terse &
   writer=$!
   snapshots_while $writer
