@@ -18,7 +18,7 @@ QEMU = "qemu-system-x86_64"
 PR_SET_PDEATHSIG = 1
 # Stalls are measured on the guest's clock, which a loaded host makes run in leaps: those limits are
 # far apart from what a loaded host does. Hung tasks are what we look for, and 300 s are enough.
-COMMAND_LINE = ("console=ttyS0 panic=-1 loglevel=5 nokaslr no_timer_check tsc=nowatchdog "
+COMMAND_LINE = ("console=ttyS0 oops=panic panic=-1 loglevel=5 nokaslr no_timer_check tsc=nowatchdog "
                 "rcupdate.rcu_cpu_stall_timeout=300 watchdog_thresh=60 "
                 "printk.devkmsg=on slub_debug=FZ,trak* ")
 BAD = re.compile(r"(\bWARNING: |\bBUG: |kernel BUG at|\bOops\b|general protection fault|"
