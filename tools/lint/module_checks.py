@@ -31,9 +31,20 @@ def check_module(tree):
 
 
 def check_release(tree, release):
+    # objtool speaks once, when an object is made; what it said to an earlier build would be lost.
+    for made in (tree.root / "build/kernel" / release).rglob("*.o"):
+        made.unlink()
     status, output = run_tool(tree, ["make", "-C", "os/linux", f"-j{tree.jobs}", "TRAK_TESTS=1",
                                      f"KDIR={HEADERS}/linux-headers-{release}", "DEBIAN_KERNEL_USE_CCACHE=y"],
                               timeout=1200)
+    faults = faults_of(output, release)
+    if faults or status != 0:
+        return faults or [Fault(MAKEFILE, 1, "module", f"{release}: {output.strip()[-1500:]}")]
+    return check_objects(tree, release)
+
+
+def faults_of(output, release):
+    """What compiler, objtool and modpost complain of, at the source where they name one."""
     where = re.compile(rf"\S*build/kernel/{re.escape(release)}/(\S+?):(\d+):\d+: (.*)")
     faults = []
     for line in output.splitlines():
@@ -42,9 +53,7 @@ def check_release(tree, release):
             faults.append(Fault(match[1], int(match[2]), "module", f"{release}: {match[3]}"))
         elif not match and re.search(r"\b(warning|WARNING|ERROR|error): |^trak: ", line):
             faults.append(Fault(MAKEFILE, 1, "module", f"{release}: {line.strip()}"))
-    if faults or status != 0:
-        return faults or [Fault(MAKEFILE, 1, "module", f"{release}: {output.strip()[-1500:]}")]
-    return check_objects(tree, release)
+    return faults
 
 
 def check_objects(tree, release):

@@ -13,6 +13,7 @@ sys.path.insert(0, str(ROOT / "tools" / "lint"))
 import build_checks  # noqa: E402
 import layers  # noqa: E402
 import lint  # noqa: E402
+import module_checks  # noqa: E402
 import sources  # noqa: E402
 import text_checks  # noqa: E402
 import tool_checks  # noqa: E402
@@ -174,6 +175,35 @@ class LintTest(unittest.TestCase):
         self.assertRegex(names, r"\bone\b")
         self.assertRegex(names, r"two")
         self.assertNotRegex(names, r"three|four|five")
+
+    def test_every_complaint_about_the_module_is_a_fault(self):
+        faults = module_checks.faults_of(
+            "  CC [M]  /x/build/kernel/6.1/os/linux/file.o\n"
+            "/x/build/kernel/6.1/os/linux/file.c:7:3: error: no such thing\n"
+            "/x/build/kernel/6.1/trak.o: warning: objtool: f() falls through to next function g()\n"
+            'ERROR: modpost: "os_nothing" [/x/build/kernel/6.1/trak.ko] undefined!\n'
+            "trak: kernel 6.1 is not supported; supported lines: 5.4\n"
+            "Skipping BTF generation for trak.ko due to unavailability of vmlinux\n", "6.1")
+        self.assertEqual([(f.path, f.line) for f in faults],
+                         [("os/linux/file.c", 7)] + [("os/linux/Makefile", 1)] * 3)
+        self.assertIn("falls through", faults[1].text)
+
+    def test_an_object_of_the_module_needs_the_seam_and_what_the_kernels_flags_ask_for(self):
+        self.put("driver/a.cpp", "")
+        folder = Path(self.folder.name) / "build/kernel/6.1/driver"
+        folder.mkdir(parents=True)
+        source = folder / "a.cpp"
+        source.write_text(
+            'extern "C" void os_call(); extern "C" void __x86_return_thunk();\n'
+            'extern "C" void printk(); int start(); int at_start = start();\n'
+            "void use() { os_call(); __x86_return_thunk(); printk(); }\n", encoding="utf-8")
+        subprocess.run(["g++", "-c", "-fno-pic", str(source), "-o", str(folder / "a.o")], check=True,
+                       timeout=60)
+        faults = module_checks.check_objects(sources.Tree(self.folder.name), "6.1")
+        text = " ".join(f.text for f in faults)
+        self.assertRegex(text, r"needs printk\b.*init_array")
+        self.assertNotRegex(text, r"os_call|return_thunk")
+        self.assertEqual({f.path for f in faults}, {"driver/a.cpp"})
 
 
 if __name__ == "__main__":
