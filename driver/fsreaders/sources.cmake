@@ -9,5 +9,6 @@ list(APPEND TRAK_DRIVER_SOURCES
      fsreaders/self_test.cpp
      fsreaders/self_test_reader.cpp
      fsreaders/sparse_array.cpp
+     fsreaders/xfs_log.cpp
      fsreaders/xfs_reader.cpp
      fsreaders/xfs_tree.cpp)

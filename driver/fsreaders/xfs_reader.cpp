@@ -7,6 +7,7 @@
 
 #include "driver/fsreaders/chunk_walk.h"
 #include "driver/fsreaders/disk_fields.h"
+#include "driver/fsreaders/xfs_log.h"
 #include "driver/fsreaders/xfs_tree.h"
 #include "driver/module/log.h"
 #include "driver/utils/bits.h"
@@ -32,6 +33,9 @@ void convert_super(xfs_reader *ctx) {
     ctx->sb.sb_agblocks = trak_be32(raw + 84);
     ctx->sb.sb_agcount = trak_be32(raw + 88);
     ctx->sb.sb_sectsize = trak_be16(raw + 102);
+    ctx->sb.sb_logstart = trak_be64(raw + 48);
+    ctx->sb.sb_logblocks = trak_be32(raw + 96);
+    ctx->sb.sb_agblklog = raw[124];
 }
 
 bool read_super(xfs_reader *ctx, const char *function) {
@@ -159,6 +163,15 @@ bool load_ags(xfs_reader *ctx, const char *function) {
     return true;
 }
 
+// The trees are believed only where the log holds nothing that they lack.
+bool log_is_done(xfs_reader *ctx, const char *function) {
+    if (xfs_log_is_quiet(ctx))
+        return true;
+    trak_log(TRAK_LOG_ERROR, "%s(): The log of hdd(%d, %d) must be replayed first.", function,
+             HDD(ctx->bdev));
+    return false;
+}
+
 bool load(xfs_reader *ctx, std::int32_t *block_size, const char *function) {
     if (!read_super(ctx, function))
         return false;
@@ -173,7 +186,7 @@ bool load(xfs_reader *ctx, std::int32_t *block_size, const char *function) {
             return out_of_memory(function);
     }
     describe(ctx, function);
-    return make_buffers(ctx, function) && load_ags(ctx, function);
+    return make_buffers(ctx, function) && load_ags(ctx, function) && log_is_done(ctx, function);
 }
 
 }  // namespace

@@ -20,6 +20,9 @@ struct xfs_reader_sb {
     std::uint32_t sb_agblocks;
     std::uint32_t sb_agcount;
     std::uint16_t sb_sectsize;  // bytes
+    std::uint64_t sb_logstart;  // AG number << sb_agblklog | AG-relative block
+    std::uint32_t sb_logblocks;
+    std::uint8_t sb_agblklog;
 };
 
 struct xfs_reader {
