@@ -31,7 +31,12 @@ void add_chunks(cow_work *work, trak_device *snap, const cow_request *request,
     if (!request->write || range.sectors == 0)
         return;
     const int shift = snap->snap.chunk_shift - OS_SECTOR_SHIFT;
-    for (std::uint64_t c = range.first >> shift; c <= range.last >> shift; ++c) {
+    const std::uint64_t first = range.first >> shift;
+    const std::uint64_t last = range.last >> shift;
+    const auto count = static_cast<std::int64_t>(last - first + 1);
+    if (trak_cowbmp_count_set(&snap->snap.cowbmp, first, last) == count)
+        return;  // preserved with an earlier group, as most requests behind a head are
+    for (std::uint64_t c = first; c <= last; ++c) {
         const auto chunk = static_cast<std::uint32_t>(c);
         if (work->chunk_cnt == capacity)
             return;
