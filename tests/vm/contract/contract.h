@@ -20,8 +20,9 @@ struct contract_test {
 };
 
 /* Each file's tests, ended by an empty one. */
-extern const struct contract_test chardev_tests[], file_tests[], lock_tests[], log_tests[],
-    memory_tests[], path_tests[], proc_tests[], task_tests[], uaccess_tests[], wait_tests[];
+extern const struct contract_test bio_tests[], chardev_tests[], disk_tests[], file_tests[],
+    lock_tests[], log_tests[], memory_tests[], path_tests[], proc_tests[], task_tests[],
+    uaccess_tests[], wait_tests[];
 
 #define CONTRACT(unit, what)                                                                       \
     { "contract." #unit "." #what, what }

@@ -8,8 +8,8 @@
 #include "tests/vm/contract/contract.h"
 
 static const struct contract_test *const suites[] = {
-    lock_tests,    wait_tests, task_tests, memory_tests, log_tests,
-    uaccess_tests, file_tests, path_tests, proc_tests,   chardev_tests,
+    lock_tests, wait_tests, task_tests, memory_tests,  log_tests, uaccess_tests,
+    file_tests, path_tests, proc_tests, chardev_tests, bio_tests, disk_tests,
 };
 
 static char failure[200]; /* the first of the running test; empty while it holds */
