@@ -10,7 +10,7 @@
 // the bio with -EIO (the log says why), except -EOPNOTSUPP for what the file can't do.
 //
 // The first step runs in the submitter, all others on the ring's thread; the bio belongs to whoever
-// has the operation.
+// has the operation. Transfers of data that a thread holds back for a moment may go as one (plug.cpp).
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -28,6 +28,7 @@
 #include "os/user/bio.h"
 #include "os/user/device.h"
 #include "os/user/memory.h"
+#include "os/user/plug.h"
 #include "os/user/ring.h"
 
 namespace user {
@@ -147,13 +148,17 @@ void moved(Operation *op, int result) {
     }
 }
 
-void move(Transfer *t) {
+void ready_to_move(Transfer *t) {
     t->kind = is_write(t) ? Operation::kWrite : Operation::kRead;
     t->flags = is_write(t) && (t->bio->rw & OS_BIO_FUA) ? RWF_DSYNC : 0;
     t->iov = t->pieces;
     t->iov_count = std::min(t->piece_count, kPiecesAtOnce);
     t->offset = t->at;
     t->done = moved;
+}
+
+void move(Transfer *t) {
+    ready_to_move(t);
     ring_submit(t);
 }
 
@@ -212,8 +217,11 @@ void start_data(Transfer *t) {
         fail(t, -EINVAL);
     else if (needs_bounce(t) && !make_bounce(t))
         fail(t, -ENOMEM);
-    else
-        move(t);
+    else {
+        ready_to_move(t);
+        if (!plug_hold(t))
+            ring_submit(t);
+    }
 }
 
 // ---- discard and zeroes ---------------------------------------------------------------------------

@@ -33,7 +33,7 @@ extern "C" {
 os_bio *os_bio_alloc(os_gfp gfp, uint32_t max_vecs) {
     static_assert(sizeof(os_bio) % alignof(iovec) == 0 && sizeof(os_bio_vec) == alignof(iovec) * 2);
     if (gfp != OS_GFP_ATOMIC)
-        user::might_sleep("allocation that may sleep");
+        user::may_sleep_here("allocation that may sleep");
     if (user::heap_is_empty.load(std::memory_order_relaxed))
         return nullptr;
     size_t room = size_t{max_vecs} * (sizeof(os_bio_vec) + sizeof(iovec));
@@ -149,7 +149,7 @@ void os_bio_endio(os_bio *bio, int error) {
 }
 
 void os_generic_make_request(os_bio *bio) {
-    user::might_sleep("os_generic_make_request");
+    user::may_sleep_here("os_generic_make_request");
     os_bdev *bdev = bio->bdev;
     if (!bdev) {
         os_bio_endio(bio, -EIO);

@@ -16,7 +16,8 @@ namespace user {
 
 struct Backing;
 
-// What is under way for a bio that a disk has taken: one operation of the ring at a time.
+// What is under way for a bio that a disk has taken: one operation of the ring at a time, or a part of
+// one that moves several bios' data (plug.h).
 struct Transfer : Operation {
     enum Stage { kFlushBefore, kData, kFlushAfter };
     os_bio *bio = nullptr;

@@ -250,6 +250,7 @@ int os_bdev_ioctl(os_bdev *bdev, uint32_t mode, uint32_t cmd, os_uaddr arg) {
 }
 
 void os_queue_unplug(os_queue *queue) {
+    user::plug_pull();
     if (queue && queue->unplug)
         queue->unplug(queue);
 }

@@ -96,7 +96,7 @@ void gate_pass(os_user_gate *gate) {
     spin_unlock(&gate->lock);
     std::atomic_ref<std::uint32_t> passed(self.passed);
     while (passed.load(std::memory_order_acquire) == 0)
-        user::futex_wait(&self.passed, 0);
+        user::sleep_on(&self.passed, 0);
 }
 
 }  // namespace
@@ -134,7 +134,7 @@ void os_sema_init(os_semaphore *sema, int count) {
 }
 
 void os_down(os_semaphore *sema) {
-    user::might_sleep("os_down");
+    user::may_sleep_here("os_down");
     gate_pass(&sema->gate);
 }
 
@@ -151,7 +151,7 @@ void os_complete(os_completion *completion) {
 }
 
 void os_wait_for_completion(os_completion *completion) {
-    user::might_sleep("os_wait_for_completion");
+    user::may_sleep_here("os_wait_for_completion");
     gate_pass(&completion->gate);
 }
 

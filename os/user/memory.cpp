@@ -63,7 +63,7 @@ extern "C" {
 
 void *os_kmalloc(size_t size, os_gfp gfp) {
     if (gfp != OS_GFP_ATOMIC)
-        user::might_sleep("allocation that may sleep");
+        user::may_sleep_here("allocation that may sleep");
     return user::heap_alloc(size, 1);
 }
 
@@ -133,7 +133,7 @@ void os_mempool_destroy(os_mempool *pool) {
 
 void *os_mempool_alloc(os_mempool *pool, os_gfp gfp) {
     if (gfp != OS_GFP_ATOMIC)
-        user::might_sleep("allocation that may sleep");
+        user::may_sleep_here("allocation that may sleep");
     if (void *element = user::heap_alloc(pool->cache->size, pool->cache->align))
         return element;
     user::Guard held(pool->mutex);
@@ -165,7 +165,7 @@ void os_mempool_free(void *element, os_mempool *pool) {
 
 os_page *os_alloc_page(os_gfp gfp) {
     if (gfp != OS_GFP_ATOMIC)
-        user::might_sleep("allocation that may sleep");
+        user::may_sleep_here("allocation that may sleep");
     return static_cast<os_page *>(user::heap_alloc(OS_PAGE_SIZE, OS_PAGE_SIZE));
 }
 

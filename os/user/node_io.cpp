@@ -69,7 +69,7 @@ os_bio *make_bio(std::uint64_t offset, void *buf, std::size_t size) {
 
 void submit(os_bdev *bdev, std::uint32_t rw, std::uint64_t offset, void *buf, std::size_t size,
             Done done, void *data) {
-    might_sleep("submit");
+    may_sleep_here("submit");
     if (!is_well_formed(rw, offset, buf, size)) {
         done(data, -EINVAL);
         return;

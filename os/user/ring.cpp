@@ -28,30 +28,6 @@ namespace user {
 
 namespace {
 
-struct Fifo {
-    Operation *first = nullptr;
-    Operation *last = nullptr;
-    void append(Operation *op) {
-        op->next = nullptr;
-        (last ? last->next : first) = op;
-        last = op;
-    }
-    Operation *take() {
-        Operation *op = first;
-        first = op->next;
-        if (!first)
-            last = nullptr;
-        return op;
-    }
-    void append_all(Fifo *other) {
-        if (!other->first)
-            return;
-        (last ? last->next : first) = other->first;
-        last = other->last;
-        *other = {};
-    }
-};
-
 struct Ring {
     // Constant while the threads run.
     int wake_fd = -1;
@@ -60,20 +36,21 @@ struct Ring {
     std::thread helper;
 
     Mutex mutex;
-    Fifo queued USER_GUARDED_BY(mutex);
+    Operations queued USER_GUARDED_BY(mutex);
     bool asleep USER_GUARDED_BY(mutex) = false;
     bool stopping USER_GUARDED_BY(mutex) = false;
+    std::uint64_t submitted USER_GUARDED_BY(mutex) = 0;
     Condition started;
     int made USER_GUARDED_BY(mutex) = 1;  // 0 or a negative errno once the kernel has answered
 
     Mutex helper_mutex;
     Condition helper_wanted;
-    Fifo helper_queue USER_GUARDED_BY(helper_mutex);
+    Operations helper_queue USER_GUARDED_BY(helper_mutex);
     bool helper_stopping USER_GUARDED_BY(helper_mutex) = false;
 
     // The ring thread's own.
     io_uring uring{};
-    Fifo waiting;  // taken, not yet at the kernel
+    Operations waiting;  // taken, not yet at the kernel
     unsigned at_kernel = 0;
     unsigned at_helper = 0;
     bool wake_read_active = false;
@@ -86,11 +63,13 @@ Ring *the_ring = nullptr;
 // Completions of the helper come back through the queue under this kind.
 constexpr Operation::Kind kHelped = static_cast<Operation::Kind>(100);
 
-void enqueue(Ring &ring, Operation *op) {
+void enqueue(Ring &ring, Operations *list) {
     bool wake;
     {
         Guard held(ring.mutex);
-        ring.queued.append(op);
+        for (Operation *op = list->first; op; op = op->next)
+            ring.submitted++;
+        ring.queued.append_all(list);
         wake = ring.asleep;
         ring.asleep = false;
     }
@@ -99,6 +78,12 @@ void enqueue(Ring &ring, Operation *op) {
     std::uint64_t one = 1;
     while (write(ring.wake_fd, &one, sizeof(one)) < 0 && errno == EINTR)
         ;
+}
+
+void enqueue(Ring &ring, Operation *op) {
+    Operations one;
+    one.append(op);
+    enqueue(ring, &one);
 }
 
 void run_helper(Ring &ring) {
@@ -325,6 +310,16 @@ void ring_stop() {
 
 void ring_submit(Operation *op) {
     enqueue(*the_ring, op);
+}
+
+void ring_submit_all(Operations *list) {
+    if (list->first)
+        enqueue(*the_ring, list);
+}
+
+std::uint64_t ring_submitted() {
+    Guard held(the_ring->mutex);
+    return the_ring->submitted;
 }
 
 }  // namespace user

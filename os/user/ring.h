@@ -32,11 +32,40 @@ struct Operation {
     Operation *next = nullptr;
 };
 
+// Operations in the order of their arrival. Whoever has it owns the operations.
+struct Operations {
+    Operation *first = nullptr;
+    Operation *last = nullptr;
+    void append(Operation *op) {
+        op->next = nullptr;
+        (last ? last->next : first) = op;
+        last = op;
+    }
+    Operation *take() {
+        Operation *op = first;
+        first = op->next;
+        if (!first)
+            last = nullptr;
+        return op;
+    }
+    void append_all(Operations *other) {
+        if (!other->first)
+            return;
+        (last ? last->next : first) = other->first;
+        last = other->last;
+        *other = {};
+    }
+};
+
 // Starts the threads; a negative errno where the kernel has no ring for us.
 int ring_start(unsigned depth, std::string *why);
 // Waits for everything submitted, then ends the threads. Nothing is submitted from now on.
 void ring_stop();
 void ring_submit(Operation *op);
+// All of them, which costs one look at the ring's thread; the list is empty afterwards.
+void ring_submit_all(Operations *list);
+// Operations submitted since the start.
+std::uint64_t ring_submitted();
 
 }  // namespace user
 

@@ -52,7 +52,10 @@ void *run_kernel_thread(void *p) {
         thread->pid = current().pid;
         all.changed.notify_all();
     }
+    current().plug.holds = true;
     thread->fn(thread->arg);
+    current().plug.holds = false;
+    plug_pull();
     Guard held(all.mutex);
     thread->ended = true;
     return nullptr;
@@ -90,10 +93,20 @@ void wake_task(os_task &task) {
         futex_wake(&task.state, INT_MAX);
 }
 
-void might_sleep(const char *what) {
+void may_sleep_here(const char *what) {
     const os_task &task = current();
     if (task.spins_held || task.in_interrupt)
         os_bug("os/user", 0, what);
+}
+
+void might_sleep(const char *what) {
+    may_sleep_here(what);
+    plug_pull();
+}
+
+void sleep_on(std::uint32_t *word, std::uint32_t value) {
+    plug_pull();
+    futex_wait(word, value);
 }
 
 void join_kernel_threads() {
@@ -155,11 +168,11 @@ bool os_in_interrupt(void) {
 }
 
 void os_schedule(void) {
-    user::might_sleep("os_schedule");
+    user::may_sleep_here("os_schedule");
     os_task &task = current();
     std::atomic_ref<std::uint32_t> state(task.state);
     if (state.load() == 0) {
-        sched_yield();
+        os_yield();
         return;
     }
     for (std::uint32_t now = state.load(); now != 0; now = state.load()) {
@@ -167,11 +180,12 @@ void os_schedule(void) {
             state.store(0);
             return;
         }
-        user::futex_wait(&task.state, now);
+        user::sleep_on(&task.state, now);
     }
 }
 
 void os_yield(void) {
+    user::plug_pull();
     sched_yield();
 }
 
@@ -209,6 +223,7 @@ void os_daemonize(const char *name) {
 }
 
 void os_complete_and_exit(os_completion *completion, long) {
+    user::plug_pull();
     os_complete(completion);
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "os/task.h"
+#include "os/user/plug.h"
 #include "os/user/user.h"
 
 // One per thread, made with the thread's first call, gone with the thread.
@@ -23,6 +24,7 @@ struct os_task {
     const user::Caller *caller = nullptr;
     // As it was when the task was first asked for it, or as os_daemonize set it; empty: not asked.
     char comm[OS_TASK_COMM_LEN] = {};
+    user::Plug plug;
 };
 
 namespace user {
@@ -31,7 +33,12 @@ os_task &current();
 // The task's sleep, if it is in one, ends. Any thread; the task must live.
 void wake_task(os_task &task);
 // A call that may sleep, made where it must not, is a programming error.
+void may_sleep_here(const char *what);
+// The same of a call that is about to wait for something outside the platform: what the thread holds
+// back goes first.
 void might_sleep(const char *what);
+// Sleeps while *word holds `value`, as futex_wait; what the thread holds back goes first.
+void sleep_on(std::uint32_t *word, std::uint32_t value);
 // Threads started while it lives take no signal but the one that tests ask for stacks with: signals
 // of the process are for its own threads.
 class SignalsBlocked {
