@@ -2,13 +2,16 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "daemon/receivers.h"
 
+#include <fcntl.h>
 #include <linux/fuse.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 #include "daemon/fuse_api.h"
@@ -22,6 +25,12 @@ using std::chrono::milliseconds;
 
 // Receivers that stay, parked, when there is little to do.
 constexpr int kSpare = 3;
+constexpr int kCalmAtMost = 4;
+constexpr unsigned kDepth = 128;
+
+// Requests read before those before them are handed over: many go to the disk at less cost, few wait
+// for each other less.
+constexpr unsigned kTogether = 4;
 
 constexpr milliseconds kLook{5};
 constexpr int kQuietLooks = 40;  // without a request taken, until the lookout sleeps
@@ -45,8 +54,14 @@ int Receivers::start(fuse_session *session, OnEnd on_end, void *arg) {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR2, &action, nullptr);
+    // Who waits waits for its I/O too, never in a read.
+    const int fd = fuse_session_fd(session);
+    if (::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK) != 0) {
+        return errno;
+    }
+    calm_ = std::clamp(static_cast<int>(std::thread::hardware_concurrency()), 1, kCalmAtMost);
     const std::lock_guard lock(mutex_);
-    for (int i = 0; i < 1 + kSpare; ++i) {
+    for (int i = 0; i < calm_ + kSpare; ++i) {
         if (const int rc = add_thread_locked(); rc != 0) {
             return rc;
         }
@@ -56,12 +71,14 @@ int Receivers::start(fuse_session *session, OnEnd on_end, void *arg) {
     return rc;
 }
 
-// The thread reads at once; when that is one too many it parks.
+// The thread reads at once; when that is one too many it parks. Those that come because others sleep
+// leave their I/O to the platform's thread.
 int Receivers::add_thread_locked() {
     if (stopping_) {
         return ECANCELED;
     }
-    threads_.push_back({this, {}, Buffer::get(kPage + kMaxIo)});
+    const unsigned depth = static_cast<int>(threads_.size()) < calm_ + kSpare ? kDepth : 0;
+    threads_.push_back({this, {}, Buffer::get(kPage + kMaxIo), depth, nullptr, true, 0});
     Thread &thread = threads_.back();
     int rc = thread.memory ? 0 : ENOMEM;
     if (rc == 0) {
@@ -108,7 +125,11 @@ void Receivers::receive_all(Thread *self) {
         self->id = pthread_self();
     }
     t_memory = &self->memory;
-    while (may_read() && receive(self)) {
+    {
+        user::OwnIo io(self->depth);
+        self->io = &io;
+        while (may_read(self) && receive(self)) {
+        }
     }
     t_memory = nullptr;
     const std::lock_guard lock(mutex_);
@@ -118,16 +139,16 @@ void Receivers::receive_all(Thread *self) {
 
 // True once this thread shall read. It counts as reading when it asks, and where the answer is no it
 // does not any more.
-bool Receivers::may_read() {
-    if (!stopping_ && (reading_.load() == 1 || alert_.load(std::memory_order_relaxed))) {
+bool Receivers::may_read(Thread *self) {
+    if (!stopping_ && (reading_.load() <= calm_ || alert_.load(std::memory_order_relaxed))) {
         return true;
     }
+    if (!must_not_read()) {
+        return true;
+    }
+    // Others read from here on, which what is under way here may depend on.
+    self->io->drain();
     std::unique_lock lock(mutex_);
-    // Of several that find one another reading all but one park.
-    if (!stopping_ && reading_.load() == 1) {
-        return true;
-    }
-    reading_.fetch_sub(1);
     if (stopping_ || idle_ >= kSpare) {
         return false;
     }
@@ -141,11 +162,39 @@ bool Receivers::may_read() {
     return true;
 }
 
+// Of too many that find one another reading some don't any more.
+bool Receivers::must_not_read() {
+    const std::lock_guard lock(mutex_);
+    if (!stopping_ && reading_.load() <= calm_) {
+        return false;
+    }
+    reading_.fetch_sub(1);
+    return true;
+}
+
+// Serves the thread's I/O when it is time; false when there is no request to be read yet.
+bool Receivers::await_request(Thread *self) {
+    if (self->none_left) {
+        self->none_left = !self->io->serve(fuse_session_fd(session_), true);
+        self->taken = 0;
+        return !self->none_left;
+    }
+    if (self->taken >= kTogether) {
+        self->io->serve(-1, false);
+        self->taken = 0;
+    }
+    return true;
+}
+
 // One request; false when there will be no more.
 bool Receivers::receive(Thread *self) {
+    if (!await_request(self)) {
+        return true;
+    }
     std::uint8_t *request = self->memory.data() + kOffset;
     const ssize_t size = ::read(fuse_session_fd(session_), request, kReceived);
     if (size < 0) {
+        self->none_left = errno == EAGAIN;
         // The request was taken back before it was read, or a signal came.
         if (errno == ENOENT || errno == EINTR || errno == EAGAIN) {
             return true;
@@ -154,6 +203,7 @@ bool Receivers::receive(Thread *self) {
         reading_.fetch_sub(1);
         return false;
     }
+    ++self->taken;
     taken_.fetch_add(1);
     if (reading_.fetch_sub(1) == 1 && alert_.load(std::memory_order_relaxed)) {
         one_more_reads();
@@ -194,7 +244,7 @@ void Receivers::look_out() {
             lock.lock();
         } else if (alert_) {
             const auto in_hand = static_cast<int>(threads_.size()) - idle_ - reading_.load();
-            calm = in_hand <= 1 ? calm + 1 : 0;
+            calm = in_hand <= calm_ ? calm + 1 : 0;
             alert_ = calm <= kCalmLooks;
         }
         seen = taken;

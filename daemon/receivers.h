@@ -2,14 +2,16 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // A receiver reads one request, runs its handler and reads the next. Handlers of reads and writes
-// submit and return; their completion replies. What waits as a rule (commands, opens) is no
-// receiver's work: see workers.h.
+// submit and return; their completion replies. A receiver also hands over and ends the I/O that it
+// submitted (user::OwnIo): a few requests are read, handed over together, what is done is answered,
+// and only when nothing is left to do does it sleep, for requests and completions alike. What waits
+// as a rule (commands, opens) is no receiver's work: see workers.h.
 //
-// Calm     one receiver reads, and takes what has arrived without another thread being woken: this is
-//          what a request costs least.
+// Calm     a few receivers read, as many as there are processors or four: a request costs least where the
+//          thread that reads it does all the rest and no other is woken for it.
 // Alert    submitting may sleep all the same: the node table held by a creation, a queue that is
-//          full. A thread looks every few milliseconds whether requests are taken; when the one
-//          receiver stays in a handler, others read. From then on whoever takes a request and finds
+//          full. A thread looks every few milliseconds whether requests are taken; when all that read
+//          stay in handlers, others read. From then on whoever takes a request and finds
 //          that nobody else reads lets another one read first, so that there is always one, whatever
 //          the others wait for. Calm returns when no receiver sleeps any more.
 #ifndef TRAKD_RECEIVERS_H
@@ -25,6 +27,7 @@
 #include <mutex>
 
 #include "daemon/buffers.h"
+#include "os/user/user.h"
 
 struct fuse_session;
 
@@ -50,7 +53,11 @@ class Receivers {
     struct Thread {
         Receivers *owner;
         pthread_t id;
-        Buffer memory;  // what the next request is read into
+        Buffer memory;   // what the next request is read into
+        unsigned depth;  // of its I/O
+        user::OwnIo *io = nullptr;
+        bool none_left = true;  // nothing was there when it read last
+        unsigned taken = 0;     // requests since it served its I/O
     };
     [[nodiscard]] int add_thread_locked();
     void one_more_reads();
@@ -58,13 +65,16 @@ class Receivers {
     static void *run_lookout(void *self);
     void receive_all(Thread *self);
     void look_out();
-    bool may_read();
+    bool may_read(Thread *self);
+    bool must_not_read();
     bool receive(Thread *self);
+    bool await_request(Thread *self);
     void ended();
 
     fuse_session *session_ = nullptr;
     OnEnd on_end_ = nullptr;
     void *arg_ = nullptr;
+    int calm_ = 1;                 // receivers that read side by side
     std::atomic<int> reading_{0};  // receivers that read, or are about to
     std::atomic<std::uint64_t> taken_{0};
     std::atomic<bool> alert_{false};

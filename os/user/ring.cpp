@@ -21,6 +21,7 @@
 #include <memory>
 #include <thread>
 
+#include "os/user/own_io.h"
 #include "os/user/sync.h"
 #include "os/user/task.h"
 
@@ -111,7 +112,94 @@ void give_to_helper(Ring &ring, Operation *op) {
     ring.helper_wanted.notify_all();
 }
 
-void prepare(io_uring_sqe *sqe, Operation *op) {
+// Moves what is waiting towards the kernel.
+void feed(Ring &ring) {
+    if (!ring.wake_read_active) {
+        io_uring_sqe *sqe = io_uring_get_sqe(&ring.uring);
+        io_uring_prep_read(sqe, ring.wake_fd, &ring.wake_count, sizeof(ring.wake_count), 0);
+        io_uring_sqe_set_data(sqe, nullptr);
+        ring.wake_read_active = true;
+    }
+    while (ring.waiting.first && ring.at_kernel < ring.depth) {
+        Operation *op = ring.waiting.take();
+        if (op->kind == kHelped) {
+            ring.at_helper--;
+            ring_finish(op, op->result);
+        } else if (op->kind == Operation::kHelper) {
+            give_to_helper(ring, op);
+        } else {
+            ring_prepare(io_uring_get_sqe(&ring.uring), op);
+            ring.at_kernel++;
+        }
+    }
+}
+
+void reap(Ring &ring) {
+    io_uring_cqe *cqes[64];
+    unsigned count;
+    while ((count = io_uring_peek_batch_cqe(&ring.uring, cqes, 64)) != 0) {
+        Operation *ops[64];
+        int results[64];
+        for (unsigned i = 0; i < count; i++) {
+            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
+            results[i] = cqes[i]->res;
+        }
+        io_uring_cq_advance(&ring.uring, count);
+        for (unsigned i = 0; i < count; i++) {
+            if (!ops[i]) {
+                ring.wake_read_active = false;
+                continue;
+            }
+            ring.at_kernel--;
+            ring_finish(ops[i], results[i]);
+        }
+    }
+}
+
+// True when the thread may sleep for a completion; marks it asleep.
+bool may_sleep(Ring &ring, bool *ended) {
+    Guard held(ring.mutex);
+    bool idle = !ring.queued.first && (!ring.waiting.first || ring.at_kernel == ring.depth);
+    *ended = ring.stopping && idle && !ring.waiting.first && !ring.at_kernel && !ring.at_helper;
+    ring.asleep = idle && !*ended;
+    return ring.asleep;
+}
+
+void run_ring(Ring &ring) {
+    prctl(PR_SET_NAME, "user-io");
+    int rc = ring_make(&ring.uring, ring.depth + 1);
+    {
+        Guard held(ring.mutex);
+        ring.made = rc;
+        ring.started.notify_all();
+    }
+    if (rc < 0)
+        return;
+    io_uring_register_ring_fd(&ring.uring);  // saves a look-up per call where the kernel knows it
+    for (bool ended = false; !ended;) {
+        feed(ring);
+        bool sleep = may_sleep(ring, &ended);
+        ring_enter(&ring.uring, sleep);
+        {
+            Guard held(ring.mutex);
+            ring.asleep = false;
+            ring.waiting.append_all(&ring.queued);
+        }
+        reap(ring);
+    }
+    io_uring_queue_exit(&ring.uring);
+}
+
+int wait_until_made(Ring &ring) {
+    Guard held(ring.mutex);
+    while (ring.made > 0)
+        ring.started.wait(ring.mutex);
+    return ring.made;
+}
+
+}  // namespace
+
+void ring_prepare(io_uring_sqe *sqe, Operation *op) {
     switch (op->kind) {
     case Operation::kRead:
         if (op->iov_count == 1)
@@ -139,77 +227,14 @@ void prepare(io_uring_sqe *sqe, Operation *op) {
     io_uring_sqe_set_data(sqe, op);
 }
 
-void finish(Operation *op, int result) {
+void ring_finish(Operation *op, int result) {
     os_task &task = current();
     task.in_interrupt = true;
     op->done(op, result);
     task.in_interrupt = false;
 }
 
-// Moves what is waiting towards the kernel.
-void feed(Ring &ring) {
-    if (!ring.wake_read_active) {
-        io_uring_sqe *sqe = io_uring_get_sqe(&ring.uring);
-        io_uring_prep_read(sqe, ring.wake_fd, &ring.wake_count, sizeof(ring.wake_count), 0);
-        io_uring_sqe_set_data(sqe, nullptr);
-        ring.wake_read_active = true;
-    }
-    while (ring.waiting.first && ring.at_kernel < ring.depth) {
-        Operation *op = ring.waiting.take();
-        if (op->kind == kHelped) {
-            ring.at_helper--;
-            finish(op, op->result);
-        } else if (op->kind == Operation::kHelper) {
-            give_to_helper(ring, op);
-        } else {
-            prepare(io_uring_get_sqe(&ring.uring), op);
-            ring.at_kernel++;
-        }
-    }
-}
-
-void reap(Ring &ring) {
-    io_uring_cqe *cqes[64];
-    unsigned count;
-    while ((count = io_uring_peek_batch_cqe(&ring.uring, cqes, 64)) != 0) {
-        Operation *ops[64];
-        int results[64];
-        for (unsigned i = 0; i < count; i++) {
-            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
-            results[i] = cqes[i]->res;
-        }
-        io_uring_cq_advance(&ring.uring, count);
-        for (unsigned i = 0; i < count; i++) {
-            if (!ops[i]) {
-                ring.wake_read_active = false;
-                continue;
-            }
-            ring.at_kernel--;
-            finish(ops[i], results[i]);
-        }
-    }
-}
-
-// True when the thread may sleep for a completion; marks it asleep.
-bool may_sleep(Ring &ring, bool *ended) {
-    Guard held(ring.mutex);
-    bool idle = !ring.queued.first && (!ring.waiting.first || ring.at_kernel == ring.depth);
-    *ended = ring.stopping && idle && !ring.waiting.first && !ring.at_kernel && !ring.at_helper;
-    ring.asleep = idle && !*ended;
-    return ring.asleep;
-}
-
-void enter_kernel(Ring &ring, bool sleep) {
-    int rc = io_uring_submit_and_wait(&ring.uring, sleep ? 1 : 0);
-    if (rc >= 0 || rc == -EINTR)
-        return;
-    // Short of memory or completions not yet taken: both pass. Anything else is a bug of ours.
-    if (rc != -EAGAIN && rc != -EBUSY && rc != -ENOMEM && rc != -ETIME)
-        os_bug(__FILE__, __LINE__, "io_uring_enter");
-    usleep(1000);
-}
-
-int make_uring(Ring &ring) {
+int ring_make(io_uring *uring, unsigned entries) {
     // The thread that makes the ring is its only submitter: completions then wait for that thread to
     // ask for them. Older kernels know less of this.
     const unsigned wanted[] = {IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN |
@@ -219,46 +244,22 @@ int make_uring(Ring &ring) {
     for (unsigned flags : wanted) {
         io_uring_params params{};
         params.flags = flags;
-        rc = io_uring_queue_init_params(ring.depth + 1, &ring.uring, &params);
+        rc = io_uring_queue_init_params(entries, uring, &params);
         if (rc != -EINVAL)
             break;
     }
     return rc;
 }
 
-void run_ring(Ring &ring) {
-    prctl(PR_SET_NAME, "user-io");
-    int rc = make_uring(ring);
-    {
-        Guard held(ring.mutex);
-        ring.made = rc;
-        ring.started.notify_all();
-    }
-    if (rc < 0)
+void ring_enter(io_uring *uring, bool sleep) {
+    int rc = sleep ? io_uring_submit_and_wait(uring, 1) : io_uring_submit_and_get_events(uring);
+    if (rc >= 0 || rc == -EINTR)
         return;
-    io_uring_register_ring_fd(&ring.uring);  // saves a look-up per call where the kernel knows it
-    for (bool ended = false; !ended;) {
-        feed(ring);
-        bool sleep = may_sleep(ring, &ended);
-        enter_kernel(ring, sleep);
-        {
-            Guard held(ring.mutex);
-            ring.asleep = false;
-            ring.waiting.append_all(&ring.queued);
-        }
-        reap(ring);
-    }
-    io_uring_queue_exit(&ring.uring);
+    // Short of memory or completions not yet taken: both pass. Anything else is a bug of ours.
+    if (rc != -EAGAIN && rc != -EBUSY && rc != -ENOMEM && rc != -ETIME)
+        os_bug(__FILE__, __LINE__, "io_uring_enter");
+    usleep(1000);
 }
-
-int wait_until_made(Ring &ring) {
-    Guard held(ring.mutex);
-    while (ring.made > 0)
-        ring.started.wait(ring.mutex);
-    return ring.made;
-}
-
-}  // namespace
 
 int ring_start(unsigned depth, std::string *why) {
     auto ring = std::make_unique<Ring>();
@@ -309,12 +310,19 @@ void ring_stop() {
 }
 
 void ring_submit(Operation *op) {
-    enqueue(*the_ring, op);
+    if (!own_take(op))
+        enqueue(*the_ring, op);
 }
 
 void ring_submit_all(Operations *list) {
-    if (list->first)
-        enqueue(*the_ring, list);
+    Operations left;
+    while (list->first) {
+        Operation *op = list->take();
+        if (!own_take(op))
+            left.append(op);
+    }
+    if (left.first)
+        enqueue(*the_ring, &left);
 }
 
 std::uint64_t ring_submitted() {

@@ -1,10 +1,11 @@
-// os/user/ring.h: the one io_uring, its thread, and a helper for what a ring can't do
+// os/user/ring.h: the platform's io_uring, its thread, and a helper for what a ring can't do
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // Threads    any thread submits; only the ring's thread talks to the kernel and runs completions, so
 //            an operation's memory passes between threads under one mutex. Completions count as
 //            interrupt context. Submitting never waits: what the kernel can't take yet stays queued,
-//            so a completion may submit.
+//            so a completion may submit. A thread with a ring of its own (own_io.h) keeps what it
+//            submits to itself.
 #ifndef TRAK_OS_USER_RING_H
 #define TRAK_OS_USER_RING_H
 
@@ -12,6 +13,9 @@
 
 #include <cstdint>
 #include <string>
+
+struct io_uring;
+struct io_uring_sqe;
 
 namespace user {
 
@@ -27,7 +31,8 @@ struct Operation {
     // kHelper: runs on the helper thread, may block; its value is the result.
     int (*help)(Operation *op) = nullptr;
     int result = 0;  // of the helper, on its way to done
-    // On the ring's thread: bytes moved or a negative errno. The operation is free again.
+    // On the ring's thread, or on the submitter's that has a ring: bytes moved or a negative errno. The
+    // operation is free again.
     void (*done)(Operation *op, int result) = nullptr;
     Operation *next = nullptr;
 };
@@ -66,6 +71,13 @@ void ring_submit(Operation *op);
 void ring_submit_all(Operations *list);
 // Operations submitted since the start.
 std::uint64_t ring_submitted();
+
+// Parts that a thread's own ring shares.
+int ring_make(io_uring *uring,
+              unsigned entries);  // a negative errno where the kernel has none for us
+void ring_prepare(io_uring_sqe *sqe, Operation *op);
+void ring_finish(Operation *op, int result);   // runs its completion
+void ring_enter(io_uring *uring, bool sleep);  // hands over; sleep: until there is a completion
 
 }  // namespace user
 

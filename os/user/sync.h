@@ -5,6 +5,7 @@
 
 #include <linux/futex.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -67,6 +68,11 @@ class Condition {
 // Sleeps while *word holds `value`; may return early.
 inline void futex_wait(std::uint32_t *word, std::uint32_t value) {
     syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, value, nullptr, nullptr, 0);
+}
+// The same for no longer than so many nanoseconds, less than a second.
+inline void futex_wait_for(std::uint32_t *word, std::uint32_t value, long nanoseconds) {
+    timespec limit{0, nanoseconds};
+    syscall(SYS_futex, word, FUTEX_WAIT_PRIVATE, value, &limit, nullptr, 0);
 }
 // Never reads the word: it may belong to memory that was freed since, where at worst a stranger
 // wakes up for nothing (every sleeper here asks again).

@@ -15,6 +15,7 @@
 #include <list>
 
 #include "os/lock.h"
+#include "os/user/own_io.h"
 #include "os/user/sync.h"
 #include "os/wait.h"
 
@@ -106,7 +107,8 @@ void might_sleep(const char *what) {
 
 void sleep_on(std::uint32_t *word, std::uint32_t value) {
     plug_pull();
-    futex_wait(word, value);
+    if (!own_sleep_on(word, value))
+        futex_wait(word, value);
 }
 
 void join_kernel_threads() {
@@ -186,6 +188,7 @@ void os_schedule(void) {
 
 void os_yield(void) {
     user::plug_pull();
+    user::own_serve();
     sched_yield();
 }
 

@@ -12,6 +12,10 @@
 #include "os/user/plug.h"
 #include "os/user/user.h"
 
+namespace user {
+struct OwnRing;
+}
+
 // One per thread, made with the thread's first call, gone with the thread.
 struct os_task {
     // 0 running, else os_wait_mode + 1. A futex: whoever sleeps in os_schedule sleeps on it.
@@ -25,6 +29,7 @@ struct os_task {
     // As it was when the task was first asked for it, or as os_daemonize set it; empty: not asked.
     char comm[OS_TASK_COMM_LEN] = {};
     user::Plug plug;
+    user::OwnRing *own_ring = nullptr;
 };
 
 namespace user {

@@ -7,8 +7,9 @@
 // Threads    any thread of the process may call anything here; a thread becomes a task of the seam
 //            with its first call. Functions marked "sleeps" may wait for I/O or for locks of the
 //            driver; none of them may be called from a completion (Done), a listener or a log sink.
-// Interrupts completions of I/O run on the platform's own I/O thread: interrupt context for the
-//            driver (os_in_interrupt() is true there). They must be short and must not wait.
+// Interrupts completions of I/O run on the platform's own I/O thread, or on the submitter's that serves
+//            its own (OwnIo): interrupt context for the driver (os_in_interrupt() is true there). They
+//            must be short and must not wait.
 // Errors     0 or a negative errno; `why` (may be null) gets one line for a person, no newline.
 #ifndef TRAK_OS_USER_USER_H
 #define TRAK_OS_USER_USER_H
@@ -28,6 +29,8 @@
 #include "os/uaccess.h"
 
 namespace user {
+
+struct OwnRing;
 
 // ---- the platform -------------------------------------------------------------------------------
 
@@ -124,6 +127,28 @@ void submit(os_bdev *bdev, std::uint32_t rw, std::uint64_t offset, void *buf, st
 // The same, waited for: 0 or the errno that it ended with.
 [[nodiscard]] int submit_wait(os_bdev *bdev, std::uint32_t rw, std::uint64_t offset, void *buf,
                               std::size_t size);
+
+// A thread that serves its own I/O. While one lives, what this thread submits to disks goes to a ring of
+// the thread's own: serve() hands it over and runs the completions, on this thread, in interrupt
+// context of the driver. No other thread is woken for it. Where the thread sleeps for the driver instead
+// (a lock, a wait queue) it goes on serving. Made and used by one thread, one at a time.
+class OwnIo {
+  public:
+    // depth: transfers under way at once; what is beyond goes to the platform's I/O thread. So does all
+    // of it where the depth is 0 or no ring is to be had.
+    explicit OwnIo(unsigned depth);
+    ~OwnIo();  // waits for what is under way
+    OwnIo(const OwnIo &) = delete;
+    OwnIo &operator=(const OwnIo &) = delete;
+    // Hands over what was submitted and ends what is done. `wait`: sleeps until there is something to
+    // end, fd can be read or a signal came. True when fd can be read, as far as it was waited for.
+    bool serve(int fd, bool wait);
+    // Returns when nothing is under way.
+    void drain();
+
+  private:
+    OwnRing *ring_ = nullptr;
+};
 
 // ---- where nodes are shown, and what is mounted through them -----------------------------------------
 
