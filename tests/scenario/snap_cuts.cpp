@@ -274,7 +274,7 @@ TEST(snapshot, image_survives_power_cut_at_every_flush) {
             ended = outcome.ended;
             ASSERT_LT(cut.flush, 2000u);
         }
-        flushes += cut.flush - 1;
+        flushes += cut.flush - 2;  // the last run met none any more
         if (::testing::Test::HasFailure())
             std::printf("at flush %llu\n", static_cast<unsigned long long>(cut.flush - 1));
     });
