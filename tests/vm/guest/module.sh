@@ -135,6 +135,48 @@ not_while_loaded_twice() {
   unload
 }
 
+# The disk under a node is nobody else's to write, and a snapshot nobody's.
+disk_claimed() {
+  mount_maps
+  load
+  add_filter 64K
+  add_snap 1 64K
+  trakctl start 1
+  refuse trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/maps --minor 5
+  refuse trakctl add-filter --disk "$(disk 1)" --extent-size 64K --bmp-dir /mnt/maps --minor 5
+  mke2fs -F -b 4096 /dev/trak/trak0
+  refuse mount -t ext4 "$(disk 0)" /mnt
+  refuse dd if=/dev/zero of=/dev/trak/trak1 bs=4k count=1
+  dd if="$(disk 0)" of=/dev/null bs=4k count=4
+}
+
+# The disk is pulled out under a mounted file system and a snapshot: errors for all, and an orderly end.
+disk_gone() {
+  mount_maps
+  load
+  add_filter 64K
+  mke2fs -F -b 4096 /dev/trak/trak0
+  mkdir -p /mnt/gone
+  mount -t ext4 /dev/trak/trak0 /mnt/gone
+  dd if=/dev/urandom of=/mnt/gone/file bs=64k count=16 conv=fsync
+  add_snap 1 64K
+  trakctl start 1
+  pulled=$(disk 0)
+  slot=$(readlink -f "/sys/block/${pulled#/dev/}/device/..")
+  echo "${slot##*/}" >/sys/bus/pci/drivers/virtio-pci/unbind
+  [ ! -e "/sys/block/${pulled#/dev/}" ]
+  refuse dd if=/dev/trak/trak0 of=/dev/null bs=4k count=1 skip=900 iflag=direct
+  refuse dd if=/dev/zero of=/dev/trak/trak0 bs=4k count=1 seek=900 oflag=direct
+  refuse dd if=/dev/trak/trak1 of=/dev/null bs=4k count=1 skip=900 iflag=direct
+  refuse dd if=/dev/zero of=/mnt/gone/file bs=64k count=16 conv=notrunc,fsync
+  umount /mnt/gone
+  trakctl stop 1
+  trakctl delete 1
+  trakctl stop 0
+  trakctl delete 0
+  unload
+}
+
 try module.loads_and_unloads_with_its_files_threads_and_numbers loads
 try module.describes_itself describes_itself
 try module.is_loaded_and_unloaded_again_and_again reloads "$(cat /etc/reloads)"
@@ -145,4 +187,6 @@ try module.stays_while_a_node_or_the_control_device_is_open unload_refused
 try module.takes_its_nodes_along unload_takes_nodes_along
 try module.mounted_nodes_are_neither_stopped_nor_deleted mounted_refused
 try module.bitmaps_on_the_node_itself_are_refused own_bitmaps_refused
+try module.disk_of_a_node_is_claimed disk_claimed
+try module.disk_that_is_pulled_out_gives_errors_and_an_orderly_end disk_gone
 try module.leaves_nothing_in_the_end nothing_left
