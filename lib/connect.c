@@ -84,6 +84,10 @@ int lt_make_control(const char *chr_major, const char *control,
     return 0;
 }
 
+int lt_make_folder(const char *path) {
+    return mkdir(path, 0755) < 0 && errno != EEXIST ? -errno : 0;
+}
+
 static int real_ioctl(void *ctx, uint32_t code, void *record) {
     struct trak *t = ctx;
     int rc = ioctl(t->fd, (unsigned long)code, record);
@@ -163,8 +167,12 @@ int trak_open(const char *root, struct trak **out, char *why) {
     t->seam.ioctl = real_ioctl;
 
     rc = lt_path(t, "/dev/trakctl", control, sizeof(control));
-    if (rc == 0 && strcmp(t->root, "/") == 0)
+    if (rc == 0 && strcmp(t->root, "/") == 0) {
         rc = lt_make_control("/proc/trak/chr_major", control, mknod);
+        /* The kernel module makes the nodes' files, but not the folder that they lie in. */
+        if (rc == 0)
+            rc = lt_make_folder("/dev/trak");
+    }
     if (rc == 0) {
         t->fd = open(control, O_RDWR | O_CLOEXEC);
         rc = t->fd < 0 ? -errno : 0;

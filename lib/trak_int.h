@@ -51,6 +51,10 @@ int lt_read_text(const char *path, char *text, size_t size);
 int lt_make_control(const char *chr_major, const char *control,
                     int (*make)(const char *, mode_t, dev_t));
 
+/* Make a folder (mode 0755 less the umask) unless something has the name already: 0 or a negative
+ * errno. */
+int lt_make_folder(const char *path);
+
 int lt_guard_lock(struct trak *t);
 void lt_guard_unlock(struct trak *t);
 

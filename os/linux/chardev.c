@@ -47,14 +47,13 @@ static int call_release(struct inode *inode, struct file *file) {
     return fops_of(file)->release ? fops_of(file)->release(inode, file) : 0;
 }
 
-/* Records are the same for callers of 32 bits; compat_ptr_ioctl widens their addresses. */
+/* No compat_ioctl: the control device has one entry, and a program of 32 bits gets ENOTTY. */
 static const struct file_operations calls = {
     .owner = THIS_MODULE,
     .llseek = default_llseek,
     .read = call_read,
     .write = call_write,
     .unlocked_ioctl = call_ioctl,
-    .compat_ioctl = compat_ptr_ioctl,
     .open = call_open,
     .release = call_release,
 };

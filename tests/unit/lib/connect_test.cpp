@@ -49,6 +49,14 @@ TEST_F(MakeControl, without_a_driver_there_is_nothing_to_make) {
     EXPECT_EQ(0u, made);
 }
 
+TEST_F(MakeControl, the_folder_of_the_nodes_is_made_once) {
+    std::string folder = dir.path("trak");
+    EXPECT_EQ(0, lt_make_folder(folder.c_str()));
+    EXPECT_TRUE(std::filesystem::is_directory(folder));
+    EXPECT_EQ(0, lt_make_folder(folder.c_str()));
+    EXPECT_EQ(-ENOENT, lt_make_folder(dir.path("none/trak").c_str()));
+}
+
 TEST_F(MakeControl, a_device_of_another_number_is_replaced) {
     // /dev/null's number on a file of ours can't be had without privilege: a link shows the rest.
     if (mknod(control.c_str(), S_IFCHR | 0600, makedev(1, 3)) < 0)

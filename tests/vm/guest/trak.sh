@@ -4,11 +4,8 @@
 # Sourced by the suites that use the module. Disk 0 is the one that is filtered, disk 1 holds bitmap
 # files and COW files (ext4).
 
-# The driver puts the nodes' files into a folder that whoever set the machine up has made.
-load() {
-  mkdir -p /dev/trak
-  insmod /lib/modules/trak.ko
-}
+# The driver puts the nodes' files into /dev/trak, which trakctl makes.
+load() { insmod /lib/modules/trak.ko; }
 load_with() { insmod /lib/modules/trak.ko "$1"; }
 
 # What a module that has gone must not have left.
