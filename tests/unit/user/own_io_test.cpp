@@ -31,9 +31,10 @@ struct Load {
         Load *self = static_cast<Load *>(p);
         self->failed += error != 0 || !os_in_interrupt();
         self->elsewhere += std::this_thread::get_id() != self->submitter;
-        self->ended++;
-        if (self->tell)
-            os_complete(self->tell);
+        os_completion *wake = self->tell;
+        self->ended++;  // from here on the load may be gone
+        if (wake)
+            os_complete(wake);
     }
 };
 
