@@ -107,7 +107,7 @@ def workload(machine, name, features, snapshot):
         fill(f"{point}/old", 300 * MIB)
         preserved = 0
         if snapshot:
-            control.add_snap(0, machine.path("cow/map"), machine.path("cow/data"), 65536, 1)
+            control.add_snap(0, machine.path("map-cow/map"), machine.path("map-cow/data"), 65536, 1)
             control.start(1)
         begin = time.monotonic()
         fill(f"{point}/new", 256 * MIB)
@@ -128,7 +128,7 @@ def workload(machine, name, features, snapshot):
 
 
 def workloads(machine, rounds, results):
-    machine.volume("cow", 1024 * MIB)
+    machine.volume("map-cow", 1024 * MIB)
     kinds = (("no snapshot", "^64bit", False), ("snapshot with a map", "^64bit", True),
              ("snapshot without", "64bit", True))
     measured = {}
