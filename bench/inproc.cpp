@@ -247,29 +247,20 @@ void close_filter(const benchmark::State &) {
     delete g_filter;
 }
 
+// Small and large requests, from one thread and from two at once.
+void sizes_and_threads(benchmark::internal::Benchmark *each) {
+    each->Arg(4096)->Arg(1 << 20)->Threads(1)->Threads(2)->UseRealTime();
+}
+
 void below(benchmark::State &state) {
     submit_many(state, g_bdev, OS_BIO_WRITE, static_cast<std::size_t>(state.range(0)));
 }
-BENCHMARK(below)
-    ->Setup(open_below)
-    ->Teardown(close_below)
-    ->Arg(4096)
-    ->Arg(1 << 20)
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
+BENCHMARK(below)->Setup(open_below)->Teardown(close_below)->Apply(sizes_and_threads);
 
 void filter(benchmark::State &state) {
     submit_many(state, g_bdev, OS_BIO_WRITE, static_cast<std::size_t>(state.range(0)));
 }
-BENCHMARK(filter)
-    ->Setup(open_filter)
-    ->Teardown(close_filter)
-    ->Arg(4096)
-    ->Arg(1 << 20)
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
+BENCHMARK(filter)->Setup(open_filter)->Teardown(close_filter)->Apply(sizes_and_threads);
 
 // With a snapshot started whose chunks are all preserved: what a second touch costs.
 void open_preserved(const benchmark::State &state) {
@@ -287,11 +278,7 @@ void preserved_write(benchmark::State &state) {
 BENCHMARK(preserved_write)
     ->Setup(open_preserved)
     ->Teardown(close_preserved)
-    ->Arg(4096)
-    ->Arg(1 << 20)
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
+    ->Apply(sizes_and_threads);
 
 void preserved_read(benchmark::State &state) {
     submit_many(state, g_bdev, 0, static_cast<std::size_t>(state.range(0)));
@@ -299,11 +286,7 @@ void preserved_read(benchmark::State &state) {
 BENCHMARK(preserved_read)
     ->Setup(open_preserved)
     ->Teardown(close_preserved)
-    ->Arg(4096)
-    ->Arg(1 << 20)
-    ->Threads(1)
-    ->Threads(2)
-    ->UseRealTime();
+    ->Apply(sizes_and_threads);
 
 // Of a bitmap of 32 MiB, while another thread writes: the longest write is what a writer is held.
 void get_and_clear(benchmark::State &state) {

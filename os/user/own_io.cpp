@@ -12,7 +12,6 @@
 #include "os/user/own_io.h"
 
 #include <errno.h>
-#include <liburing.h>
 #include <poll.h>
 
 #include <memory>
@@ -58,26 +57,10 @@ void end_own(OwnRing &ring, Operation *op, int result) {
     }
 }
 
-void reap_own(OwnRing &ring) {
-    io_uring_cqe *cqes[32];
-    unsigned count;
-    while ((count = io_uring_peek_batch_cqe(&ring.uring, cqes, 32)) != 0) {
-        Operation *ops[32];
-        int results[32];
-        for (unsigned i = 0; i < count; i++) {
-            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
-            results[i] = cqes[i]->res;
-        }
-        io_uring_cq_advance(&ring.uring, count);
-        for (unsigned i = 0; i < count; i++)
-            end_own(ring, ops[i], results[i]);
-    }
-}
-
 void serve_own(OwnRing &ring, bool sleep) {
     if (sleep || io_uring_sq_ready(&ring.uring))
         ring_enter(&ring.uring, sleep);
-    reap_own(ring);
+    ring_reap(&ring.uring, [&ring](Operation *op, int result) { end_own(ring, op, result); });
 }
 
 void start_poll(OwnRing &ring, int fd) {

@@ -11,7 +11,6 @@
 #include "os/user/ring.h"
 
 #include <errno.h>
-#include <liburing.h>
 #include <linux/falloc.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
@@ -135,25 +134,14 @@ void feed(Ring &ring) {
 }
 
 void reap(Ring &ring) {
-    io_uring_cqe *cqes[64];
-    unsigned count;
-    while ((count = io_uring_peek_batch_cqe(&ring.uring, cqes, 64)) != 0) {
-        Operation *ops[64];
-        int results[64];
-        for (unsigned i = 0; i < count; i++) {
-            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
-            results[i] = cqes[i]->res;
+    ring_reap(&ring.uring, [&ring](Operation *op, int result) {
+        if (!op) {
+            ring.wake_read_active = false;
+            return;
         }
-        io_uring_cq_advance(&ring.uring, count);
-        for (unsigned i = 0; i < count; i++) {
-            if (!ops[i]) {
-                ring.wake_read_active = false;
-                continue;
-            }
-            ring.at_kernel--;
-            ring_finish(ops[i], results[i]);
-        }
-    }
+        ring.at_kernel--;
+        ring_finish(op, result);
+    });
 }
 
 // True when the thread may sleep for a completion; marks it asleep.

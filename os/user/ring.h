@@ -9,13 +9,11 @@
 #ifndef TRAK_OS_USER_RING_H
 #define TRAK_OS_USER_RING_H
 
+#include <liburing.h>
 #include <sys/uio.h>
 
 #include <cstdint>
 #include <string>
-
-struct io_uring;
-struct io_uring_sqe;
 
 namespace user {
 
@@ -78,6 +76,25 @@ int ring_make(io_uring *uring,
 void ring_prepare(io_uring_sqe *sqe, Operation *op);
 void ring_finish(Operation *op, int result);   // runs its completion
 void ring_enter(io_uring *uring, bool sleep);  // hands over; sleep: until there is a completion
+
+// Takes the completions that are there and tells each: ended(operation, result). Their places in the
+// ring are free again before the first is told, since that may submit more.
+template <typename Ended> void ring_reap(io_uring *uring, Ended ended) {
+    constexpr unsigned kBatch = 64;
+    io_uring_cqe *cqes[kBatch];
+    unsigned count;
+    while ((count = io_uring_peek_batch_cqe(uring, cqes, kBatch)) != 0) {
+        Operation *ops[kBatch];
+        int results[kBatch];
+        for (unsigned i = 0; i < count; i++) {
+            ops[i] = static_cast<Operation *>(io_uring_cqe_get_data(cqes[i]));
+            results[i] = cqes[i]->res;
+        }
+        io_uring_cq_advance(uring, count);
+        for (unsigned i = 0; i < count; i++)
+            ended(ops[i], results[i]);
+    }
+}
 
 }  // namespace user
 
