@@ -51,5 +51,7 @@ static inline struct gendisk *disk_of_queue(const struct os_queue *queue) {
 int trak_bio_init(void);
 void trak_bio_exit(void);
 void trak_disk_exit(void);
+/* A request has come to a node; its end is counted too (stat.c). Context: any. */
+void trak_stat_start(struct bio *bio);
 
 #endif

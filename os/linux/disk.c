@@ -92,8 +92,10 @@ static void node_submit(struct bio *bio) {
         return;
     }
     bio = bio_split_to_limits(bio);
-    if (bio)
-        queue->make_request(queue, (struct os_bio *)bio);
+    if (!bio)
+        return;
+    trak_stat_start(bio);
+    queue->make_request(queue, (struct os_bio *)bio);
 }
 
 COMPAT_DISK_OPERATIONS(node_open, node_release, node_ioctl)

@@ -15,6 +15,7 @@ TRAK_GLUE := \
 	proc.c \
 	queue.c \
 	random.c \
+	stat.c \
 	task.c \
 	time.c \
 	uaccess.c \

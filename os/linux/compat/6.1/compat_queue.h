@@ -15,8 +15,8 @@ static inline void compat_copy_flag(unsigned int flag, struct request_queue *to,
         blk_queue_flag_clear(flag, to);
 }
 
-/* What the other disk takes, this one takes. Not so zones, polling, and submission without waiting:
- * for a queue of ours those were never switched on. */
+/* What the other disk takes, this one takes; requests are counted. Not so zones, polling, and submission
+ * without waiting: for a queue of ours those were never switched on. */
 static inline void compat_copy_limits(struct gendisk *to, struct gendisk *from) {
     struct queue_limits *limits = &to->queue->limits;
     const struct request_queue *below = from->queue;
@@ -30,6 +30,7 @@ static inline void compat_copy_limits(struct gendisk *to, struct gendisk *from) 
     compat_copy_flag(QUEUE_FLAG_STABLE_WRITES, to->queue, below);
     blk_queue_write_cache(to->queue, test_bit(QUEUE_FLAG_WC, &below->queue_flags),
                           test_bit(QUEUE_FLAG_FUA, &below->queue_flags));
+    blk_queue_flag_set(QUEUE_FLAG_IO_STAT, to->queue);
     disk_update_readahead(to);
 }
 

@@ -8,7 +8,8 @@
 
 #include "os/linux/limits.h"
 
-/* What the other disk takes, this one takes. Not so zones, polling, and submission without waiting. */
+/* What the other disk takes, this one takes; requests are counted. Not so zones, polling, and submission
+ * without waiting. */
 static inline void compat_copy_limits(struct gendisk *to, struct gendisk *from) {
     struct queue_limits limits = queue_limits_start_update(to->queue);
     int rc;
@@ -17,6 +18,7 @@ static inline void compat_copy_limits(struct gendisk *to, struct gendisk *from) 
     queue_limits_stack_bdev(&limits, from->part0, 0, to->disk_name);
     limit_dataless(&limits);
     limits.features &= ~(BLK_FEAT_ZONED | BLK_FEAT_POLL | BLK_FEAT_NOWAIT);
+    limits.features |= BLK_FEAT_IO_STAT;
     limits.zone_write_granularity = 0;
     limits.max_zone_append_sectors = 0;
     limits.max_open_zones = 0;
