@@ -3,6 +3,7 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """See CONTRIBUTING.md, "Tests in a virtual machine"."""
 import argparse
+import glob
 import os
 import random
 import resource
@@ -91,7 +92,7 @@ def boot(machine, suite, report, limit, cut_after):
                 time.sleep(cut_after)
                 ended = machine.process.poll() is None
                 break
-            elif not report.line(line):
+            elif not report.line(line) and not suite.hear(line, report):
                 print(f"   {line}", flush=True)
     except Timeout as what:
         report.fail(f"{suite.name}.ends_in_time", str(what))
@@ -137,6 +138,24 @@ def boots(kernel, suite, disks, report, deadline, only):
     return True
 
 
+def make_folder():
+    """Where a suite's disks and console are: its name has the number of this process, and what
+    processes that were ended hard have left goes first."""
+    base = os.environ.get("TMPDIR") or "/var/tmp"
+    for path in glob.glob(f"{base}/trak-vm.[0-9]*.*"):
+        owner = os.path.basename(path).split(".")[1]
+        if owner.isdigit() and not os.path.exists(f"/proc/{owner}"):
+            shutil.rmtree(path, ignore_errors=True)
+    return tempfile.mkdtemp(prefix=f"trak-vm.{os.getpid()}.", dir=base)
+
+
+def keep_folder(folder):
+    """Gives it a name that no later run takes for one that was left."""
+    kept = folder.replace("/trak-vm.", "/trak-vm-kept.")
+    os.rename(folder, kept)
+    note(f"kept: {kept}")
+
+
 def cpu_seconds():
     """What the children of this process have used."""
     used = resource.getrusage(resource.RUSAGE_CHILDREN)
@@ -144,11 +163,12 @@ def cpu_seconds():
 
 
 def run_suite(name, kernel, report, options, deadline):
-    folder = tempfile.mkdtemp(prefix="trak-vm.", dir=os.environ.get("TMPDIR") or "/var/tmp")
+    folder = make_folder()
     start, cpu = time.monotonic(), cpu_seconds()
     bad = report.count("not ok")
     try:
         suite = SUITES[name](folder, options.long)
+        suite.whole = not options.only
         disks = suite.disks()
         initramfs_of(suite, kernel).write(f"{folder}/initramfs")
         if options.shell:
@@ -163,7 +183,7 @@ def run_suite(name, kernel, report, options, deadline):
         report.fail(f"{name}.runs", f"{type(why).__name__}: {why}".replace("\n", "; "))
     finally:
         if options.keep:
-            note(f"kept: {folder}")
+            keep_folder(folder)
         else:
             shutil.rmtree(folder, ignore_errors=True)
     note(f"{kernel.release} {name}: {time.monotonic() - start:.0f} s, of processors "

@@ -2,10 +2,11 @@
 # SPDX-License-Identifier: GPL-2.0-only
 """A suite is a class with the same name in lower case as guest/NAME.sh. A suite takes
 one boot, or several on the same disks."""
+import collections
 import os
 import subprocess
 
-from vm_report import CannotRun
+from vm_report import CannotRun, note
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BIN = os.environ.get("TRAK_BIN_DIR") or os.path.join(HERE, "..", "..", "build", "bin")
@@ -57,6 +58,7 @@ class Suite:
 
     def __init__(self, folder, long):
         self.folder, self.long = folder, long
+        self.whole = True  # false: some tests only were asked for
 
     def disks(self):
         """Paths of the files that are the guest's disks."""
@@ -73,6 +75,10 @@ class Suite:
         for name in os.listdir(built):
             if name.endswith(".ko"):
                 initramfs.file(f"lib/modules/{name}", f"{built}/{name}")
+
+    def hear(self, _line, _report):
+        """A line of the guest that is no test's; false when it says nothing to this suite."""
+        return False
 
     def check(self, report):
         """What the host looks at after a boot that ended in order."""
@@ -226,6 +232,14 @@ class Faults(OnTrak):
         return [*super().disks(), tight]
 
 
+class Requests(OnTrak):
+    """Requests that are no plain reads and writes, and what the kernel counts of them all."""
+
+    name = "requests"
+    about = "discards, write zeroes, secure erase, zones; the statistics of nodes"
+    modules = (*OnTrak.modules, "null_blk")
+
+
 class Io(OnTrak):
     """fio, which finds every byte that is not what it wrote."""
 
@@ -240,7 +254,10 @@ class Io(OnTrak):
 
 
 class Power(OnTrak):
-    """QEMU is killed at random moments, and the guest booted again on the same disks."""
+    """QEMU is killed at random moments, and the guest booted again on the same disks.
+
+    The guest says `recorded NAME BITS` of a map before a cut and `found NAME BITS` after it; and
+    `tally WHAT VERDICT` where a cut has several right outcomes, which are counted here."""
 
     name = "power"
     short = ("6.12",)
@@ -250,10 +267,60 @@ class Power(OnTrak):
     def __init__(self, folder, long):
         super().__init__(folder, long)
         self.cuts = 20 if long else 2
+        self.recorded = {}
+        self.tally = collections.Counter()
+
+    def disks(self):
+        quiet = [make_disk(f"{self.folder}/{name}.img", 8 * MIB) for name in ("raw", "guarded")]
+        return [*super().disks(), make_disk(f"{self.folder}/bursts.img", 16 * MIB), *quiet]
+
+    def hear(self, line, report):
+        match line.split():
+            case ["recorded", name, bits]:
+                self.recorded[name] = bits
+            case ["found", name, bits]:
+                self.found(name, bits, report)
+            case ["tally", what, verdict]:
+                self.tally[what, verdict] += 1
+            case _:
+                return False
+        return True
+
+    def found(self, name, bits, report):
+        before = self.recorded.pop(name, None)
+        # All of a kind would prove nothing: nothing or everything is what a lost map says.
+        if bits == before and set(bits) not in ({"0"}, {"f"}):
+            self.tally["saved", "exact"] += 1
+        else:
+            report.fail(f"power.{name}.saved_map_is_what_it_was_before_the_cut",
+                        f"before {before}, after {bits}")
 
     def check(self, report):
         report_clean(report, "power.maps_are_clean_afterwards", "e2fsck", "-f", "-n",
                      f"{self.folder}/maps.img")
+        if self.whole:
+            self.judge(report)
+
+    def judge(self, report):
+        """Whether the outcomes of all cuts, taken together, are right."""
+        said = ", ".join(f"{what} {verdict} {count}"
+                         for (what, verdict), count in sorted(self.tally.items()))
+        note(f"after {self.cuts} cuts: {said}")
+        # Of each cut: two kinds of attach, two maps.
+        self.counted(report, "power.saved_maps_are_exact_after_every_cut",
+                     self.tally["saved", "exact"] == 4 * self.cuts)
+        self.counted(report, "power.every_resumed_snapshot_was_valid_and_true",
+                     self.tally["snapshot", "true"] == self.cuts)
+        raw = [self.tally["raw", verdict] for verdict in ("exact", "everything", "window")]
+        self.counted(report, "power.raw_maps_are_exact_or_everything_or_of_the_known_window",
+                     sum(raw) == 2 * self.cuts and (not self.long or (raw[0] > 0 and raw[1] > 0)))
+
+    def counted(self, report, test, holds):
+        if holds:
+            report.ok(test)
+        else:
+            report.fail(test, str(dict(self.tally)))
 
 
-SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Fs, Faults, Io, Power)}
+SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Requests, Fs, Faults, Io,
+                                        Power)}

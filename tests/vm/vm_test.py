@@ -4,11 +4,15 @@
 import contextlib
 import io
 import os
+import subprocess
 import tempfile
 import unittest
+import unittest.mock
 
+import vm
 import vm_initramfs
 import vm_kernels
+import vm_suites
 from vm_machine import faults_in
 from vm_report import Report
 
@@ -72,6 +76,56 @@ class KernelLogs(unittest.TestCase):
         log = LOG % "WARNING: mine" + LOG % "WARNING: other"
         self.assertIn("other", faults_in(log, allowed="mine"))
         self.assertEqual(faults_in(LOG % "WARNING: mine", allowed="mine"), "")
+
+
+class Folders(unittest.TestCase):
+    def test_those_of_processes_that_are_gone_are_swept_and_no_others(self):
+        gone = subprocess.Popen(["true"])  # pylint: disable=consider-using-with
+        gone.wait(60)
+        with tempfile.TemporaryDirectory() as base, unittest.mock.patch.dict(
+                os.environ, {"TMPDIR": base}):
+            for name in (f"trak-vm.{gone.pid}.a", f"trak-vm.{os.getpid()}.b",
+                         f"trak-vm-kept.{gone.pid}.c"):
+                os.mkdir(f"{base}/{name}")
+            made = os.path.basename(vm.make_folder())
+            self.assertEqual(sorted(os.listdir(base)), sorted([
+                f"trak-vm.{os.getpid()}.b", f"trak-vm-kept.{gone.pid}.c", made]))
+
+
+class PowerCuts(unittest.TestCase):
+    """What the host takes for right outcomes of a cut."""
+
+    def outcome(self, *lines, cuts=1):
+        report, suite = Report("t"), vm_suites.Power("", long=False)
+        suite.cuts = cuts
+        with contextlib.redirect_stdout(io.StringIO()):
+            for line in lines:
+                self.assertTrue(suite.hear(line, report), line)
+            suite.judge(report)
+        return [name for name, verdict, _ in report.tests if verdict == "not ok"]
+
+    GOOD = tuple(f"{word} {name}.{kind} 0{number}f0"
+                 for number, (name, kind) in enumerate([("raw", "incr"), ("raw", "diff"),
+                                                        ("guarded", "incr"), ("guarded", "diff")])
+                 for word in ("recorded", "found"))
+    REST = ("tally snapshot true", "tally raw window", "tally raw everything")
+
+    def test_maps_as_recorded_and_verdicts_that_are_known_are_right(self):
+        self.assertEqual(self.outcome(*self.GOOD, *self.REST), [])
+
+    def test_a_saved_map_that_changed_or_tells_nothing_is_wrong(self):
+        for lines in (("recorded raw.incr 0180", "found raw.incr 0181"),
+                      ("recorded raw.incr ffff", "found raw.incr ffff"),
+                      ("recorded raw.incr 0000", "found raw.incr 0000"),
+                      ("found raw.incr 0180",)):
+            self.assertEqual(len(self.outcome(*lines, *self.GOOD[2:], *self.REST)), 2)
+
+    def test_a_missing_snapshot_or_verdict_is_wrong(self):
+        self.assertEqual(len(self.outcome(*self.GOOD, *self.REST[1:])), 1)
+        self.assertEqual(len(self.outcome(*self.GOOD, *self.REST[:2], "tally raw other")), 1)
+
+    def test_other_lines_are_not_taken(self):
+        self.assertFalse(vm_suites.Power("", long=False).hear("recorded", Report("t")))
 
 
 class Kernels(unittest.TestCase):

@@ -64,10 +64,39 @@ std::vector<std::uint8_t> contents(const std::string &name) {
     return bytes;
 }
 
+struct Comparison {
+    bool fits = false;
+    std::size_t extents = 0, different = 0, marked = 0, lost = 0;
+};
+
 std::uint64_t hash_at(const std::vector<std::uint8_t> &hashes, std::size_t n) {
     std::uint64_t hash = 0;
     std::memcpy(&hash, hashes.data() + 8 * n, 8);
     return hash;
+}
+
+// A map beside what changed between two files of hashes; names the first extents that it lacks.
+Comparison compare(const std::string &before_name, const std::string &after_name,
+                   const std::string &bits_name) {
+    const std::vector<std::uint8_t> before = contents(before_name), after = contents(after_name),
+                                    bits = contents(bits_name);
+    Comparison c;
+    c.extents = before.size() / 8;
+    c.fits = before.size() == after.size() && bits.size() >= (c.extents + 7) / 8 && c.extents != 0;
+    if (!c.fits) {
+        std::printf("%zu, %zu bytes of hashes and %zu of bits don't go together\n", before.size(),
+                    after.size(), bits.size());
+        return c;
+    }
+    for (std::size_t n = 0; n < c.extents; ++n) {
+        const bool set = (bits[n / 8] >> (n % 8)) % 2 == 1;
+        const bool differs = hash_at(before, n) != hash_at(after, n);
+        c.marked += set;
+        c.different += differs;
+        if (differs && !set && c.lost++ < 10)
+            std::fprintf(stderr, "extent %zu has changed and is not marked\n", n);
+    }
+    return c;
 }
 
 }  // namespace
@@ -103,31 +132,34 @@ int hash(const Words &words) {
 
 // Every extent that differs has its bit set, and no more than so many of a hundred are.
 int changed(const Words &words) {
-    const std::vector<std::uint8_t> before = contents(words[0]), after = contents(words[1]),
-                                    bits = contents(words[2]);
-    const std::size_t extents = before.size() / 8;
-    if (before.size() != after.size() || bits.size() < (extents + 7) / 8 || extents == 0) {
-        std::printf("%zu, %zu bytes of hashes and %zu of bits don't go together\n", before.size(),
-                    after.size(), bits.size());
+    const Comparison c = compare(words[0], words[1], words[2]);
+    if (!c.fits)
         return 1;
-    }
-    std::size_t different = 0, marked = 0, lost = 0;
-    for (std::size_t n = 0; n < extents; ++n) {
-        const bool set = (bits[n / 8] >> (n % 8)) % 2 == 1;
-        const bool differs = hash_at(before, n) != hash_at(after, n);
-        marked += set;
-        different += differs;
-        if (differs && !set && lost++ < 10)
-            std::printf("extent %zu has changed and is not marked\n", n);
-    }
-    std::printf("%zu of %zu extents changed, %zu marked, %zu lost\n", different, extents, marked,
-                lost);
-    return lost != 0 || marked * 100 > extents * number(words[3]) ? 1 : 0;
+    std::printf("%zu of %zu extents changed, %zu marked, %zu lost\n", c.different, c.extents,
+                c.marked, c.lost);
+    return c.lost != 0 || c.marked * 100 > c.extents * number(words[3]) ? 1 : 0;
 }
 
-// Writes at random, past the cache: sizes and places in sectors, each sector with words of its own;
-// a flush and a discard now and then. COUNT 0: until somebody ends it.
-int scribble(const Words &words) {
+// How a map that was attached past every guard stands to what is on the disk after a crash. It must
+// be one of three: every extent; those that changed and no others; or some of those, because the file
+// looked clean when the power went. A map with an extent that did not change is none of them.
+int judge(const Words &words) {
+    const Comparison c = compare(words[0], words[1], words[2]);
+    if (!c.fits)
+        return 1;
+    if (c.marked == c.extents)
+        std::printf("everything\n");
+    else if (c.marked + c.lost != c.different)
+        std::printf("wrong\n");
+    else
+        std::printf("%s\n", c.lost == 0 ? "exact" : "window");
+    return c.marked == c.extents || c.marked + c.lost == c.different ? 0 : 1;
+}
+
+namespace {
+
+// One request of `discards` is a discard; none where it is 0.
+int write_at_random(const Words &words, std::uint64_t discards) {
     const int fd = open_or_die(words[0], O_RDWR | O_DIRECT);
     Random random(number(words[1]));
     const std::uint64_t count = number(words[2]), most = number(words[3]) / kSector;
@@ -139,7 +171,7 @@ int scribble(const Words &words) {
     for (std::uint64_t n = 0; count == 0 || n < count; ++n) {
         const std::uint64_t size = (1 + random.below(most)) * kSector;
         const std::uint64_t at = random.below((bytes - size) / kSector + 1) * kSector;
-        if (random.below(40) == 0) {
+        if (discards != 0 && random.below(discards) == 0) {
             std::uint64_t range[2] = {at, size};
             if (ioctl(fd, BLKDISCARD, range) != 0 && errno != EOPNOTSUPP)
                 die("discard");
@@ -155,6 +187,19 @@ int scribble(const Words &words) {
             die("flush");
     }
     return fsync(fd) != 0 || close(fd) != 0 ? 1 : 0;
+}
+
+}  // namespace
+
+// Writes at random, past the cache: sizes and places in sectors, each sector with words of its own;
+// a flush and a discard now and then. COUNT 0: until somebody ends it.
+int scribble(const Words &words) {
+    return write_at_random(words, 40);
+}
+
+// The same without discards: whatever it touches is another thing afterwards.
+int writes(const Words &words) {
+    return write_at_random(words, 0);
 }
 
 }  // namespace vm_tool
