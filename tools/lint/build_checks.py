@@ -17,7 +17,7 @@ from tool_checks import run_tool
 ALLOWED_UNDEFINED = re.compile(r"os_\w+|memcpy|memset|memmove|memcmp")
 # Code or data that would have to run before the module's init function, or at its unload.
 CONSTRUCTOR_SECTIONS = re.compile(r"\.(init_array|fini_array|ctors|dtors|preinit_array)\b")
-TIDY_FOLDERS = ("driver", "os/user", "os/sim", "daemon", "lib", "ctl")
+TIDY_FOLDERS = ("driver", "os/user", "os/sim", "daemon", "lib", "ctl", "agent")
 # Header libraries so large that each check costs half a second in every file that includes them:
 # there only these checks are made.
 HEAVY = re.compile(r"^#include <(CLI/|nlohmann/)", re.M)

@@ -19,8 +19,9 @@ ARROWS = (
     ("daemon", rf"daemon/.*|driver/module/.*|os/user/.*|abi/.*|{CONTRACT}", r".*"),
     ("lib", r"lib/.*|abi/.*", r".*"),
     ("ctl", r"ctl/.*|lib/.*|abi/.*", r".*"),
+    ("agent", r"agent/.*|lib/trak\.h", r".*"),
 )
-OURS = ("driver/", "abi/", "os/", "daemon/", "lib/", "ctl/", "tests/", "bench/")
+OURS = ("driver/", "abi/", "os/", "daemon/", "lib/", "ctl/", "agent/", "tests/", "bench/")
 # The public header of libtrak includes what is installed beside it.
 INSTALLED = {"trak_ioctl.h": "abi/trak_ioctl.h", "trak.h": "lib/trak.h"}
 

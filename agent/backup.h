@@ -1,0 +1,52 @@
+// agent/backup.h: one backup, from the lock to the durable manifest
+// SPDX-License-Identifier: GPL-2.0-only
+#pragma once
+
+#include "agent/driver.h"
+#include "agent/events.h"
+#include "agent/image.h"
+#include "agent/steps.h"
+#include "agent/store.h"
+
+#include <string>
+
+namespace agent {
+
+// What commands work with; tests put their own in.
+struct Context {
+    Driver &driver;
+    ImageTool &images;
+    Events &events;
+    Steps &steps;
+};
+
+struct BackupOptions {
+    Kind kind = Kind::full;
+    std::string disk, store;
+    std::string cow_dir;          // empty: the store
+    uint32_t chunk_size = 65536;  // of the snapshot, where the filter has none yet
+    bool no_full = false;         // refuse where a full backup would be needed
+    int64_t audit_sample = -1;    // blocks; -1: a share of what is copied
+    uint64_t cow_reserve = 0;     // bytes that must be free for COW data; 0: a share of the disk
+};
+
+// The exit status: 0; 3: the backup was made, and the audit found blocks that no map told of.
+// Throws Failure or Interrupted, after the run was taken back as far as the driver answers.
+int make_backup(const Context &context, const BackupOptions &options);
+
+inline constexpr int status_audit = 3;
+
+// Settles what a run of this store that did not end has left: gives its map back unless its backup
+// was made, removes its snapshot and partial files, and its record last. Called by every command
+// that writes, with the store locked, before anything else. Nothing to do: returns false.
+bool settle_run(const Context &context, Store &store, const FilterNode &filter);
+
+// The lock of a node against two agents, and the note of the store for which its maps were cleared.
+files::Fd lock_node(const FilterNode &filter);
+struct MapOwner {
+    std::string store, folder;  // empty: nobody has cleared them
+};
+MapOwner map_owner(const FilterNode &filter);
+void note_map_owner(const FilterNode &filter, const Store &store);
+
+}  // namespace agent

@@ -1,0 +1,14 @@
+// agent/list.h: the backups of a store, listed
+// SPDX-License-Identifier: GPL-2.0-only
+#pragma once
+
+#include "agent/events.h"
+
+#include <string>
+
+namespace agent {
+
+// Exit status: 1 where a manifest is damaged or a chain is broken, else 0.
+int list_backups(Events &events, const std::string &store);
+
+}  // namespace agent
