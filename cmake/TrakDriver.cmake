@@ -18,7 +18,9 @@ function(trak_add_driver platform)
   if(TRAK_FUZZ)
     # The fuzz programs know the commands and the values that matter; tracing the comparisons of the
     # loops over bits, buckets and pages would cost more than all else.
-    target_compile_options(driver_${platform} PRIVATE -fno-sanitize-coverage=trace-cmp)
+    target_compile_options(driver_${platform} PRIVATE -fno-sanitize-coverage=trace-cmp
+                           "-fsanitize-ignorelist=${CMAKE_SOURCE_DIR}/tests/fuzz/spared.txt"
+                           "-fsanitize-coverage-ignorelist=${CMAKE_SOURCE_DIR}/tests/fuzz/spared.txt")
   endif()
   target_include_directories(driver_${platform} PUBLIC "${CMAKE_SOURCE_DIR}"
                              "${CMAKE_SOURCE_DIR}/os/${platform}/embed")

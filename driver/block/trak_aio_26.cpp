@@ -191,8 +191,8 @@ bool create_allocators() {
 trak_list *new_hash() {
     auto *hash =
         static_cast<trak_list *>(os_kzalloc(bucket_cnt * sizeof(trak_list), OS_GFP_KERNEL));
-    for (std::size_t i = 0; hash != nullptr && i < bucket_cnt; ++i)
-        trak_list_init(&hash[i]);
+    if (hash != nullptr)
+        trak_list_init_all(hash, bucket_cnt);
     return hash;
 }
 

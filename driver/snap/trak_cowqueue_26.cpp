@@ -134,8 +134,7 @@ int trak_cowqueue_init(trak_cowqueue *queue) {
     if (queue->hash == nullptr) {
         trak_logf(TRAK_LOG_ERROR, "%s(): Failed to create queue hash.");
     } else {
-        for (std::uint32_t i = 0; i < kBuckets; ++i)
-            trak_list_init(&queue->hash[i]);
+        trak_list_init_all(queue->hash, kBuckets);
         if (create_allocators())
             return 0;
         trak_logf(TRAK_LOG_ERROR, "%s(): Memory allocation failed.");

@@ -15,6 +15,11 @@ struct trak_list {
 inline void trak_list_init(trak_list *head) {
     head->next = head->prev = head;
 }
+// The buckets of a table.
+inline void trak_list_init_all(trak_list *heads, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i)
+        heads[i].next = heads[i].prev = &heads[i];
+}
 inline bool trak_list_empty(const trak_list *head) {
     return head->next == head;
 }

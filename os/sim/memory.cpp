@@ -2,8 +2,9 @@
 // SPDX-License-Identifier: GPL-2.0-only
 //
 // Each piece is one malloc with a header before it, so that the address sanitizer sees overruns. New
-// memory holds 0xa5, freed memory 0x6b. Without the sanitizer a mark after the piece finds overruns at
-// the free, and freed pieces are kept for a while and looked at for late writes.
+// memory holds 0xa5, freed memory 0x6b. With keep_memory() pieces come from shelves, where the sanitizer
+// sees the same. Without the sanitizer a mark after the piece finds overruns at the free, and freed pieces
+// are kept for a while and looked at for late writes.
 #include "os/memory.h"
 
 #include <cerrno>
@@ -62,25 +63,27 @@ std::size_t place_in_program(const void *address) {
     return static_cast<std::size_t>(static_cast<const char *>(address) - &__executable_start);
 }
 
-// The header is out of bounds for everybody but this file.
-Block *open_header(const void *p) {
-    Block *block = block_of(p);
-    OS_SIM_UNPOISON(block, kHeader);
-    return block;
+// The header is out of bounds for everybody but this file, which need not ask where the sanitizer does
+// not look at it.
+void unlock_header(Block *block) {
+    if (OS_SIM_ASAN_HERE)
+        OS_SIM_UNPOISON(block, kHeader);
 }
 
 void close_header(Block *block) {
-    OS_SIM_POISON(block, kHeader);
+    if (OS_SIM_ASAN_HERE)
+        OS_SIM_POISON(block, kHeader);
+}
+
+Block *open_header(const void *p) {
+    Block *block = block_of(p);
+    unlock_header(block);
+    return block;
 }
 
 void release(Block *block) {
     OS_SIM_UNPOISON(block, kHeader);
     std::free(block);
-}
-
-// Large or many: what malloc would spend most of the time on.
-bool is_kept(Kind kind, std::size_t size) {
-    return kind == Kind::kPage || kind == Kind::kBio || size >= 32768;
 }
 
 // Where the bytes stop being all of this value; size: nowhere. Compares the memory with itself one byte
@@ -143,21 +146,19 @@ bool may_allocate(os_gfp gfp, const char *function) {
 
 void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
     Kernel &k = kernel();
-    void *piece = is_kept(kind, size) ? shelves().take(kHeader + size) : nullptr;
-    if (!piece)
-        piece = std::malloc(kHeader + size + kMark);
-    auto *block = static_cast<Block *>(piece);
+    auto *block = static_cast<Block *>(shelves().room(kHeader + size + kMark, kHeader));
     if (!block)
         fail("the test machine has no %zu bytes", size);
+    unlock_header(block);
     *block = Block{nullptr, k.blocks, size, k.steps, caller, kind, false, kLive};
     if (k.blocks) {
-        OS_SIM_UNPOISON(k.blocks, kHeader);
+        unlock_header(k.blocks);
         k.blocks->prev = block;
         close_header(k.blocks);
     }
     k.blocks = block;
-    std::memset(data_of(block), kFresh, size);
-    std::memset(data_of(block) + size, kEdge, kMark);
+    fill(data_of(block), kFresh, size);
+    fill(data_of(block) + size, kEdge, kMark);
     close_header(block);
     return data_of(block);
 }
@@ -186,19 +187,19 @@ void mem_free(Kind kind, void *p, const char *function) {
     check_mark(block, function);
     check_held_in_freed(p, block->size);
     if (block->prev) {
-        OS_SIM_UNPOISON(block->prev, kHeader);
+        unlock_header(block->prev);
         block->prev->next = block->next;
         close_header(block->prev);
     } else {
         k.blocks = block->next;
     }
     if (block->next) {
-        OS_SIM_UNPOISON(block->next, kHeader);
+        unlock_header(block->next);
         block->next->prev = block->prev;
         close_header(block->next);
     }
     block->magic = kFreed;
-    if (OS_SIM_ASAN && is_kept(kind, block->size) && shelves().keep(block, kHeader + block->size))
+    if (shelves().in_use() && shelves().keep(block, kHeader + block->size + kMark))
         return;
     std::memset(p, kDead, block->size);
     if (OS_SIM_ASAN)
@@ -211,7 +212,7 @@ std::string mem_leaks() {
     std::string text;
     unsigned count = 0;
     for (Block *block = kernel().blocks; block;) {
-        OS_SIM_UNPOISON(block, kHeader);
+        unlock_header(block);
         Block *next = block->next;
         if (!block->own && ++count <= 8)
             text += format("\n  %s of %zu bytes, made at step %llu (addr2line -fe %s 0x%zx)",
@@ -243,7 +244,7 @@ void mem_check_freed() {
 void mem_drop_all() {
     Kernel &k = kernel();
     for (Block *block = k.blocks; block;) {
-        OS_SIM_UNPOISON(block, kHeader);
+        unlock_header(block);
         Block *next = block->next;
         std::free(block);
         block = next;

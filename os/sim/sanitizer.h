@@ -3,23 +3,29 @@
 #ifndef TRAK_OS_SIM_SANITIZER_H
 #define TRAK_OS_SIM_SANITIZER_H
 
+// OS_SIM_ASAN       the program has the address sanitizer.
+// OS_SIM_ASAN_HERE  it looks at this very file too. The fuzz preset spares most of the simulated kernel,
+//                   and says OS_SIM_ASAN on the command line.
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
-#define OS_SIM_ASAN 1
+#define OS_SIM_ASAN_HERE 1
 #endif
 #if __has_feature(thread_sanitizer)
 #define OS_SIM_TSAN 1
 #endif
 #endif
 #if defined(__SANITIZE_ADDRESS__)
-#define OS_SIM_ASAN 1
+#define OS_SIM_ASAN_HERE 1
 #endif
 #if defined(__SANITIZE_THREAD__)
 #define OS_SIM_TSAN 1
 #endif
 
+#ifndef OS_SIM_ASAN_HERE
+#define OS_SIM_ASAN_HERE 0
+#endif
 #ifndef OS_SIM_ASAN
-#define OS_SIM_ASAN 0
+#define OS_SIM_ASAN OS_SIM_ASAN_HERE
 #endif
 #ifndef OS_SIM_TSAN
 #define OS_SIM_TSAN 0

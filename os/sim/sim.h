@@ -179,8 +179,8 @@ void power_cut_at(Fault kind, std::uint64_t nth);
 // The driver leaves exactly this many pieces of memory behind at the end, on purpose.
 void expect_leaked_pieces(unsigned count);
 
-// For millions of boots: pages, bios and large pieces that the driver gives back are kept, untouchable, up
-// to this many bytes, and handed out again, the oldest first. 0, as at first: each is malloc's own.
+// For millions of boots: memory that the driver gives back is kept, untouchable, up to this many bytes, and
+// handed out again, the oldest first. 0, as at first: each piece is malloc's own. Not inside of a World.
 // Means nothing without the address sanitizer.
 void keep_memory(std::size_t bytes);
 

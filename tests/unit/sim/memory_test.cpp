@@ -118,6 +118,41 @@ TEST(sim_memory, a_write_to_memory_that_is_kept_for_later_is_found) {
     sim::keep_memory(0);
 }
 
+TEST(sim_memory, overruns_and_late_writes_of_small_pieces_that_are_kept_are_found) {
+    sim::keep_memory(1 << 20);
+    for (int i = 0; i < 3; i++)  // more than rest before they are handed out again
+        EXPECT_EQ(failure_of([] {
+                      for (int k = 0; k < 100; k++) {
+                          auto *p = static_cast<unsigned char *>(os_kmalloc(10, OS_GFP_KERNEL));
+                          EXPECT_EQ(p[9], 0xa5);
+                          std::memset(p, 1, 10);
+                          os_kfree(p);
+                      }
+                  }),
+                  "");
+    expect_caught(
+        [] {
+            auto *p = static_cast<volatile char *>(os_kmalloc(10, OS_GFP_KERNEL));
+            p[10] = 1;
+            os_kfree(const_cast<char *>(p));
+        },
+        "use-after-poison", "byte 0 beyond a piece of 10 bytes (os_kmalloc) was written to");
+    expect_caught(
+        [] {
+            auto *p = static_cast<volatile char *>(os_kmalloc(10, OS_GFP_KERNEL));
+            os_kfree(const_cast<char *>(p));
+            p[3] = 1;
+        },
+        "use-after-poison", "freed memory was written to: byte 3");
+    EXPECT_SAYS(failure_of([] {
+                    void *p = os_kmalloc(10, OS_GFP_KERNEL);
+                    os_kfree(p);
+                    os_kfree(p);
+                }),
+                "freed already");
+    sim::keep_memory(0);
+}
+
 TEST(sim_memory, wrong_frees_are_found) {
     EXPECT_SAYS(failure_of([] { os_kfree(os_vmalloc(10)); }),
                 "os_kfree: wants a os_kmalloc, got a os_vmalloc");
