@@ -1,9 +1,9 @@
 // daemon/server.h: one mounted tree and all that serves it
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Threads   receivers take requests and run the handlers of ops.cpp; workers run what may wait;
-//           the platform's I/O thread answers reads and writes. The main thread waits for signals
-//           (main.cpp).
+// Threads   receivers take requests, run the handlers of ops.cpp and answer the reads and writes that
+//           they submitted (receivers.h); workers run what may wait. The platform's I/O thread answers
+//           what others submitted. The main thread waits for signals (main.cpp).
 // Locks     handles_mutex_, releases_mutex_ (leaves); nothing is called under them.
 #ifndef TRAKD_SERVER_H
 #define TRAKD_SERVER_H
