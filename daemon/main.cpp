@@ -59,6 +59,7 @@ class Daemon {
 
     int asked_ = 0;                           // signals that asked for the end
     std::atomic<bool> session_ended_{false};  // the mount was taken away
+    std::atomic<bool> may_succeed_{false};    // what held the last try of an unload up may be gone
     bool unloading_ = false;
     bool unloaded_ = false;
     std::string blocked_by_;  // as it was last told
@@ -129,10 +130,14 @@ int Daemon::show(const Options &options, std::string *why) {
     const auto session_ended = [](void *arg) {
         auto *self = static_cast<Daemon *>(arg);
         self->session_ended_ = true;
+        self->may_succeed_ = true;
         self->wake();
     };
     server_ = new Server(options.mount_point, session_ended, this);
-    server_->on_release = [this] { wake(); };
+    server_->on_release = [this] {
+        may_succeed_ = true;
+        wake();
+    };
     user::set_listener(&server_->tree());
     if (const int rc = trak_init(); rc != 0) {
         *why = fmt::format("the driver does not load ({}): {}", std::strerror(-rc), last_error());
@@ -177,12 +182,17 @@ int Daemon::run(const Options &options, Starter *starter) {
     return wait_for_end();
 }
 
+// While it can't end it tries again when a node was closed, and once a second, for what nobody tells of.
 int Daemon::wait_for_end() {
     while (!unloaded_) {
         pollfd fds[] = {{signals_, POLLIN, 0}, {wake_, POLLIN, 0}};
         const bool ending = asked_ != 0 || session_ended_;
-        if (::poll(fds, 2, ending ? 1000 : -1) < 0 && errno != EINTR) {
+        const int ready = ::poll(fds, 2, ending ? 1000 : -1);
+        if (ready < 0 && errno != EINTR) {
             end_at_once();
+        }
+        if (ready == 0) {
+            may_succeed_ = true;
         }
         eventfd_t count;
         (void)::eventfd_read(wake_, &count);
@@ -193,7 +203,8 @@ int Daemon::wait_for_end() {
             }
         }
         take_result();
-        if (!unloaded_ && (asked_ != 0 || session_ended_)) {
+        if (!unloaded_ && (asked_ != 0 || session_ended_) && !unloading_ &&
+            may_succeed_.exchange(false)) {
             try_unload();
         }
     }
@@ -211,13 +222,11 @@ void Daemon::on_signal() {
     if (++asked_ > 1) {
         end_at_once();
     }
+    may_succeed_ = true;
     report("told to end");
 }
 
 void Daemon::try_unload() {
-    if (unloading_) {
-        return;
-    }
     unloading_ = true;
     const auto body = [](void *arg) -> void * {
         static_cast<Daemon *>(arg)->unload_now();

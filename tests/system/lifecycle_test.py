@@ -2,8 +2,10 @@
 # SPDX-License-Identifier: GPL-2.0-only
 import os
 import pathlib
+import re
 import signal
 import threading
+import time
 
 from trak_abi import CLR, DIFF, GET, INCR, marked
 from trak_machine import MIB, TRAKD, SystemTest
@@ -232,6 +234,24 @@ class End(SystemTest):
         self.assertEqual(d.wait(), 0)
         self.assertIn("trakd: ended in order", d.log())
         run("e2fsck", "-fn", self.m.path("d.img"))
+
+    def test_while_a_node_is_in_use_it_sleeps(self):
+        """Told to end it looks again once a second: that is counted in the times that its main thread
+        went to sleep, over a second or two of the clock, however slow the machine is."""
+        d = self.filter(SIZE)
+        fd = os.open(d.node(), os.O_RDWR)
+        d.signal()
+        d.said("trakd: in use: trak0")
+        begin, sleeps = time.monotonic(), self.sleeps(d)
+        time.sleep(2)
+        seconds = time.monotonic() - begin
+        self.assertLess(self.sleeps(d) - sleeps, 10 + 4 * seconds)
+        os.close(fd)  # which it is told of
+        self.assertEqual(d.wait(), 0)
+
+    def sleeps(self, daemon):
+        with open(f"/proc/{daemon.process.pid}/status", encoding="ascii") as file:
+            return int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", file.read(), re.M)[1])
 
     def test_told_twice_it_ends_at_once(self):
         d = self.filter(SIZE)
