@@ -100,6 +100,65 @@ class Waiting(SystemTest):
             self.assertEqual(creation.join(self), [1])
         os.close(fd)
 
+    def test_requests_that_wait_in_their_submission_hold_up_no_other(self):
+        """With a snapshot that is not started a request waits, where it is submitted, for those that it
+        overlaps. More of them than there are threads that read requests wait for one that the disk, a
+        node of another trakd, does not answer: other threads read then, and go when it is over."""
+        disk = self.stalling_disk()
+        cow = self.m.volume("cow")
+        self.m.image("d.img", SIZE)
+        d = self.m.trakd(images={"d": self.m.path("d.img")})
+        with d.control() as control:
+            for name, path in enumerate((disk, "/dev/image/d")):
+                control.add_filter(path, self.m.folder("maps"))
+                control.start(name)
+            control.add_snap(0, f"{cow}/map", f"{cow}/data")
+            fd = os.open(d.node(), os.O_RDWR)
+            os.pwrite(fd, b"before" * 1024, 0)
+            threads = self.receivers(d)
+            self.other.signal(signal.SIGSTOP)
+            self.addCleanup(self.other.signal, signal.SIGCONT)
+            waiting = Threads(threads + 8, lambda _: os.pread(fd, 4096, 0))
+            eventually(lambda: self.receivers(d) > threads, "more threads read requests")
+            other = os.open(d.node("trak1"), os.O_RDWR)
+            lanes = Threads(8, lambda lane: self.write_and_read(other, lane))
+            self.assertEqual(set(lanes.join(self)), {"true"})
+            self.assertEqual(control.info(1).started, 1)
+            self.assertEqual(os.stat(d.node()).st_size, SIZE)
+            self.assertEqual(waiting.results, {}, "they wait all the same")
+            self.other.signal(signal.SIGCONT)
+            self.assertEqual(set(waiting.join(self)), {(b"before" * 1024)[:4096]})
+            lanes = Threads(8, lambda lane: self.write_and_read(fd, lane))
+            self.assertEqual(set(lanes.join(self)), {"true"})
+
+            def calm():
+                os.pread(other, 4096, 0)
+                return self.receivers(d) <= threads
+            eventually(calm, "those that are too many go, as requests come in")
+            os.close(other)
+            os.close(fd)
+        d.stop()
+        self.m.unloop(disk)
+
+    def stalling_disk(self):
+        self.m.image("e.img", SIZE)
+        self.other = self.m.trakd(images={"e": self.m.path("e.img")}, root="other")
+        with self.other.control() as control:
+            control.add_filter("/dev/image/e", self.m.folder("other-maps"))
+            control.start(0)
+        return self.m.loop(self.other.node(), "--direct-io=on")
+
+    def receivers(self, daemon):
+        """Its threads that read requests."""
+        count = 0
+        for task in os.listdir(f"/proc/{daemon.process.pid}/task"):
+            try:
+                with open(f"/proc/{daemon.process.pid}/task/{task}/comm", encoding="ascii") as file:
+                    count += file.read() == "trakd-io\n"
+            except FileNotFoundError:
+                pass  # it ended meanwhile
+        return count
+
     def slow_volume(self):
         image = self.m.image("f.img", SIZE, "ext4")
         self.other = self.m.trakd(images={"f": image}, root="other")
