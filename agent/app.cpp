@@ -4,8 +4,10 @@
 
 #include "agent/backup.h"
 #include "agent/list.h"
+#include "agent/prune.h"
 #include "agent/request.h"
 #include "agent/restore.h"
+#include "agent/verify.h"
 
 #include <memory>
 #include <ostream>
@@ -40,6 +42,9 @@ int with_driver(const Request &r, const World &world, Events &events) {
     steps.stop_at = r.stop_at;
     steps.kill_at = r.kill_at;
     Context context = {driver, *images, events, steps};
+    if (r.verb == Verb::audit)
+        return make_audit(context, {r.disk, r.store, r.cow_dir, r.chunk_size, r.cow_reserve, r.all,
+                                    r.audit_sample});
     BackupOptions options;
     options.kind = r.verb == Verb::full   ? Kind::full
                    : r.verb == Verb::incr ? Kind::incr
@@ -68,12 +73,14 @@ int dispatch(const Request &r, const World &world, Events &events) {
     case Verb::incr:
     case Verb::diff:
         return with_driver(r, world, events);
-    case Verb::verify:
     case Verb::audit:
+        return with_driver(r, world, events);
+    case Verb::verify:
+        return verify(*qemu_tool(), events, {r.store, r.quick});
     case Verb::prune:
-        break;
+        return prune(*qemu_tool(), events, {r.store, r.keep_count, r.keep_days, r.dry_run});
     }
-    throw Failure("this command is not built yet");
+    return status_failed;
 }
 
 }  // namespace

@@ -12,7 +12,7 @@
 //    8  image, hashes and map get their names; synced; then the manifest, and the folder is synced:
 //       the backup is there, and the duty to give the map back ends
 //    9  the snapshot goes, then the map, then the record
-// A failure before the end of 8 gives the map back, then removes the snapshot and the files.
+// A failure before the end of 8 gives the map back, then removes snapshot and files.
 #include "agent/backup.h"
 
 #include "agent/audit.h"
@@ -20,6 +20,7 @@
 #include "agent/copy.h"
 #include "agent/cow_room.h"
 #include "agent/draft.h"
+#include "agent/prune.h"
 #include "agent/version.h"
 
 #include <cerrno>
@@ -43,6 +44,8 @@ class Backup {
         filter_ = c_.driver.find(o_.disk);
         files::Fd store_lock = store_.lock_for_writing(), node_lock = lock_node(filter_);
         c_.steps.at("locked");
+        if (!files::exists(store_.run_path()))
+            finish_prune(store_);
         if (settle_run(c_, store_, filter_))
             filter_ = c_.driver.filter(filter_.id.minor);
         c_.steps.at("recovered");
@@ -118,10 +121,10 @@ class Backup {
     void make() {
         c_.steps.at("recorded");
         make_snap();
-        if (kind_ != Kind::diff)
-            note_map_owner(filter_, store_);
-        if (kind_ != Kind::diff)
+        if (kind_ != Kind::diff) {
+            claim_maps(filter_, store_);
             hold_map(MapType::incr);
+        }
         if (kind_ == Kind::full)
             hold_map(MapType::diff);
         phase("map");
@@ -187,7 +190,6 @@ class Backup {
         c_.driver.start_snap(snap_minor_);
         m_.frozen = now_text();
         c_.steps.at("frozen");
-        c_.events.say("frozen", {{"snapshot", snap_minor_}}, "");
     }
 
     void what_to_copy() {

@@ -36,17 +36,36 @@ int make_backup(const Context &context, const BackupOptions &options);
 
 inline constexpr int status_audit = 3;
 
+struct AuditOptions {
+    std::string disk, store, cow_dir;
+    uint32_t chunk_size = 65536;
+    uint64_t cow_reserve = 0;
+    bool all = false;
+    int64_t sample = -1;  // blocks; -1: a default
+};
+
+// Compares what the incremental map calls unchanged with the chain, on a snapshot of its own. The
+// exit status: 0, or 3 where blocks differ.
+int make_audit(const Context &context, const AuditOptions &options);
+
 // Settles what a run of this store that did not end has left: gives its map back unless its backup
 // was made, removes its snapshot and partial files, and its record last. Called by every command
 // that writes, with the store locked, before anything else. Nothing to do: returns false.
 bool settle_run(const Context &context, Store &store, const FilterNode &filter);
 
-// The lock of a node against two agents, and the note of the store for which its maps were cleared.
+// The lock of a node against two agents.
 files::Fd lock_node(const FilterNode &filter);
+
+// A note beside the node's bitmap files: for which store its maps are cleared, and the number of the
+// backup that cleared each last. A backup may build on one of at least that number.
 struct MapOwner {
     std::string store, folder;  // empty: nobody has cleared them
+    uint64_t incr = 0, diff = 0;
 };
 MapOwner map_owner(const FilterNode &filter);
-void note_map_owner(const FilterNode &filter, const Store &store);
+// Before a map is cleared for this store.
+void claim_maps(const FilterNode &filter, const Store &store);
+// When a backup is there.
+void note_cleared(const FilterNode &filter, const Store &store, const Manifest &made);
 
 }  // namespace agent

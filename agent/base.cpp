@@ -26,6 +26,11 @@ std::string fault_of_base(const Store &store, const FilterNode &filter, const Ma
     MapOwner owner = map_owner(filter);
     if (!owner.store.empty() && owner.store != store.head().store)
         return fmt::format("the maps were last cleared for another store ({})", owner.folder);
+    uint64_t cleared = kind == Kind::incr ? owner.incr : owner.diff;
+    if (!owner.store.empty() && base->number < cleared)
+        return fmt::format(
+            "the {} map was last cleared for backup {:06}, which is not in the store",
+            kind_name(kind), cleared);
     if (kind == Kind::incr ? filter.incr_full : filter.diff_full)
         return fmt::format("the {} map says that every extent has changed, as after a stop without "
                            "order",

@@ -40,6 +40,12 @@ class ImageTool {
     virtual std::unique_ptr<ImageIo> open_for_reading(const std::string &path) = 0;
     // qemu-img check: throws where it is not content.
     virtual void check(const std::string &path) = 0;
+    // A copy of `path` at `to` that shows the same on top of `backing` (a name in the same folder;
+    // empty: on top of nothing).
+    virtual void merge(const std::string &path, const std::string &to, uint32_t cluster_size,
+                       const std::string &backing) = 0;
+    // Throws where the two do not show the same bytes.
+    virtual void compare(const std::string &one, const std::string &other) = 0;
 };
 
 std::unique_ptr<ImageTool> qemu_tool();

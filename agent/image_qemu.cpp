@@ -221,6 +221,21 @@ class QemuTool : public ImageTool {
             throw Failure(fmt::format("qemu-img check of {} is not content: {}", path,
                                       said.empty() ? fmt::format("exit status {}", status) : said));
     }
+
+    void merge(const std::string &path, const std::string &to, uint32_t cluster_size,
+               const std::string &backing) override {
+        if (backing.empty()) {
+            run_tool({"qemu-img", "convert", "-f", "qcow2", "-O", "qcow2", "-o",
+                      fmt::format("cluster_size={}", cluster_size), path, to});
+            return;
+        }
+        run_tool({"cp", "--reflink=auto", "--sparse=auto", path, to});
+        run_tool({"qemu-img", "rebase", "-f", "qcow2", "-b", backing, "-F", "qcow2", to});
+    }
+
+    void compare(const std::string &one, const std::string &other) override {
+        run_tool({"qemu-img", "compare", "-q", "-f", "qcow2", "-F", "qcow2", one, other});
+    }
 };
 
 }  // namespace

@@ -113,6 +113,7 @@ Manifest manifest_of(const json &j) {
     m.kind = kind_of(j.at("kind").get<std::string>());
     if (!j.at("parent").is_null())
         m.parent = plain_name(j.at("parent"));
+    m.merged = j.at("merged").get<std::vector<std::string>>();
     m.run = j.at("run").get<std::string>();
     m.store = j.at("store").get<std::string>();
     m.tool = j.at("tool").get<std::string>();
@@ -178,6 +179,7 @@ std::string manifest_text(const Manifest &m) {
               {"number", m.number},
               {"kind", kind_name(m.kind)},
               {"parent", nullptr},
+              {"merged", m.merged},
               {"run", m.run},
               {"store", m.store},
               {"tool", m.tool},

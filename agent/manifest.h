@@ -48,6 +48,8 @@ struct Manifest {
     uint64_t number = 0;
     Kind kind = Kind::full;
     std::string parent;  // id of the backup that this one builds on; empty for a full one
+    // Pruned backups whose content went into this one. It may have become a full one by that.
+    std::vector<std::string> merged;
     std::string run;     // uuid of the run that made it
     std::string store;   // uuid of the store
     std::string tool;    // "trak-backup 0.1.0"

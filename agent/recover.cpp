@@ -162,9 +162,11 @@ bool settle_run(const Context &c, Store &store, const FilterNode &filter) {
     store.scan();
     const Manifest *made = store.find(record->id);
     bool committed = made != nullptr && made->run == record->run;
-    if (committed)
+    if (committed) {
         // It was renamed; whether that was synced is not known.
         files::sync_path(store.folder());
+        note_cleared(filter, store, *made);
+    }
     if (record->node.uuid != filter.id.uuid) {
         if (!committed)
             c.events.notice(fmt::format(

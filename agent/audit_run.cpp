@@ -1,0 +1,99 @@
+// agent/audit_run.cpp: the command that compares what no map calls changed with the chain
+// SPDX-License-Identifier: GPL-2.0-only
+//
+// It clears no map. What it leaves when it is killed is a snapshot, and a record that names it; the
+// next run of any kind settles that.
+#include "agent/audit.h"
+#include "agent/base.h"
+#include "agent/cow_room.h"
+#include "agent/prune.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+namespace agent {
+namespace {
+
+constexpr uint64_t default_sample = 4096;
+
+AuditOutcome audit_snapshot(const Context &c, const AuditOptions &o, const Store &store,
+                            const FilterNode &filter, const RunRecord &record,
+                            const Manifest &base) {
+    uint32_t chunk_size =
+        filter.snaps.empty() ? o.chunk_size : c.driver.snap(filter.snaps.front()).chunk_size;
+    uint32_t minor =
+        c.driver.make_snap(filter, chunk_size, record.snap_uuid, record.cow_bmp, record.cow_data);
+    c.steps.at("snap-made");
+    c.driver.start_snap(minor);
+    c.steps.at("frozen");
+    // What was written since the base was made, up to the freeze, stands in the map.
+    Map changed = c.driver.read_map(filter.id.minor, MapType::incr);
+    ChainHashes chain;
+    for (const Manifest *manifest : store.chain(base.id))
+        chain.add(std::make_unique<HashReader>(store.path(manifest->hashes.file), filter.id.size,
+                                               manifest->block_size));
+    files::Fd fd = c.driver.open_snap(c.driver.snap(minor));
+    AuditJob job;
+    job.source = fd.get();
+    job.disk_size = filter.id.size;
+    job.block_size = base.block_size;
+    job.extent_size = filter.id.extent_size;
+    job.seed = base.seed;
+    job.changed = &changed;
+    job.chain = &chain;
+    job.sample = o.all ? 0 : o.sample > 0 ? static_cast<uint64_t>(o.sample) : default_sample;
+    job.turn = [&](uint64_t done, uint64_t total) {
+        check_interrupt();
+        c.events.progress("audit", done, total, false);
+    };
+    AuditOutcome outcome = audit_blocks(job);
+    c.steps.at("audited");
+    return outcome;
+}
+
+}  // namespace
+
+int make_audit(const Context &c, const AuditOptions &o) {
+    Store store(o.store, Store::existing);
+    FilterNode filter = c.driver.find(o.disk);
+    files::Fd store_lock = store.lock_for_writing(), node_lock = lock_node(filter);
+    if (!files::exists(store.run_path()))
+        finish_prune(store);
+    settle_run(c, store, filter);
+    filter = c.driver.filter(filter.id.minor);
+    store.scan();
+    const Manifest *base = store.base_for(Kind::incr);
+    std::string fault = fault_of_base(store, filter, base, Kind::incr);
+    if (!fault.empty())
+        throw Failure(fmt::format("there is nothing to compare with: {}", fault));
+    std::string cow_dir = files::absolute(o.cow_dir.empty() ? store.folder() : o.cow_dir);
+    CowRoom room(c.events, cow_dir, filter.id.size, o.cow_reserve);
+    RunRecord record;
+    record.run = record.snap_uuid = new_uuid();
+    record.id = fmt::format("{:06}-audit", store.next_number());
+    record.kind = Kind::diff;
+    record.node = filter.id;
+    std::string cow =
+        fmt::format("{}/trak-backup-{}-{}", cow_dir, store.head().store.substr(1, 8), record.id);
+    record.cow_bmp = cow + ".cowmap";
+    record.cow_data = cow + ".cow";
+    record.begun = now_text();
+    files::replace_durably(store.run_path(), run_record_text(record));
+    AuditOutcome outcome;
+    try {
+        c.steps.at("recorded");
+        outcome = audit_snapshot(c, o, store, filter, record, *base);
+    } catch (...) {
+        try {
+            settle_run(c, store, filter);
+        } catch (const Failure &failure) {
+            c.events.notice(failure.text + ": the next run sweeps up");
+        }
+        throw;
+    }
+    say_audit(c.events, outcome.result, base->id);
+    settle_run(c, store, filter);
+    return outcome.result.differing > 0 ? status_audit : status_ok;
+}
+
+}  // namespace agent
