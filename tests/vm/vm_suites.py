@@ -177,6 +177,23 @@ class Module(OnTrak):
         initramfs.put("etc/reloads", b"50\n" if self.long else b"10\n")
 
 
+class Control(OnTrak):
+    """Callers of the control device that mean no good, or may not call."""
+
+    name = "control"
+    short = ("6.1",)
+    about = "hostile calls of every command beside other work; callers of 32 bits and without rights"
+    tools = (*OnTrak.tools, "caller32")
+
+    def disks(self):
+        ext2 = make_disk(f"{self.folder}/ext2.img", 8 * MIB)
+        tool("mke2fs", "-q", "-F", "-t", "ext2", ext2)
+        return [*super().disks(), make_disk(f"{self.folder}/hostile.img", 64 * MIB), ext2]
+
+    def files(self, initramfs):
+        initramfs.put("etc/calls", b"20000\n" if self.long else b"1500\n")
+
+
 class Fs(OnTrak):
     """Every file system, on a node."""
 
@@ -322,5 +339,5 @@ class Power(OnTrak):
             report.fail(test, str(dict(self.tally)))
 
 
-SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Requests, Fs, Faults, Io,
-                                        Power)}
+SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Control, Requests, Fs,
+                                          Faults, Io, Power)}

@@ -78,6 +78,46 @@ class KernelLogs(unittest.TestCase):
         self.assertEqual(faults_in(LOG % "WARNING: mine", allowed="mine"), "")
 
 
+class Starts(unittest.TestCase):
+    class Guest:
+        """Machines that say what they are told to."""
+
+        def __init__(self, console, *lines):
+            self.said, self.log = lines, console
+
+        def start(self):
+            pass
+
+        kill = start
+
+        def lines(self, _limit):
+            return iter(self.said)
+
+        def console(self):
+            return self.log
+
+    def boots(self, *guests):
+        report, left = Report("t"), list(guests)
+        suite = vm_suites.Contract("", long=False)
+        with contextlib.redirect_stdout(io.StringIO()):
+            try:
+                good = vm.boot_again(lambda: vm.boot(left.pop(0), suite, report, 1, None))
+            except vm.FalseStart:
+                good = None
+        return good, len(guests) - len(left)
+
+    FALSE = "[    6.0] Oops: int3: 0000 [#1] PREEMPT SMP NOPTI\n"
+
+    def test_a_false_start_is_tried_again_three_times_at_most(self):
+        false, good = self.Guest(self.FALSE), self.Guest("", "begin", "end")
+        self.assertEqual(self.boots(false, good), (True, 2))
+        self.assertEqual(self.boots(false, false, false, false, good), (None, 4))
+
+    def test_no_other_end_is_one(self):
+        self.assertEqual(self.boots(self.Guest(self.FALSE, "begin")), (False, 1))
+        self.assertEqual(self.boots(self.Guest("[ 1.0] BUG: x\n")), (False, 1))
+
+
 class Folders(unittest.TestCase):
     def test_those_of_processes_that_are_gone_are_swept_and_no_others(self):
         gone = subprocess.Popen(["true"])  # pylint: disable=consider-using-with

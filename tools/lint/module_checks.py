@@ -78,8 +78,13 @@ def check_objects(tree, release):
             faults.append(Fault(source(folder, path), 1, "module",
                                 f"{release}: needs {name}, which is neither of the seam nor of the "
                                 "kernel's flags"))
+    with_debug_info = "CONFIG_DEBUG_INFO=y" in (
+        HEADERS / f"linux-headers-{release}/.config").read_text(encoding="utf-8").splitlines()
     for path in objects:
         _, output = run_tool(tree, ["objdump", "-h", str(path)])
+        if with_debug_info and ".debug_info" not in output:
+            faults.append(Fault(source(folder, path), 1, "module",
+                                f"{release}: has no debug information, which its kernel has"))
         section = CONSTRUCTOR_SECTIONS.search(output)
         if section:
             faults.append(Fault(source(folder, path), 1, "module",

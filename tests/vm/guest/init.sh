@@ -13,6 +13,7 @@ mount -t tmpfs -o size=70% tmp /tmp
 exec </dev/null >/dev/console 2>&1
 # shellcheck source=tests/vm/guest/lib.sh
 . /lib.sh
+echo begin >&3
 echo 8 >/proc/sys/kernel/printk
 echo 300 >/proc/sys/kernel/hung_task_timeout_secs
 while read -r module; do

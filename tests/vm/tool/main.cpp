@@ -26,6 +26,11 @@ constexpr Command kCommands[] = {
     {"writes", 4, writes, "writes DISK SEED COUNT BYTES: the same without discards"},
     {"request", 4, request,
      "request DISK discard|secure|zeroes|zones|reset-zone AT BYTES: how it ends"},
+    {"hostile", 6, hostile,
+     "hostile CONTROL DISK EXT2 FOLDER SEED COUNT: calls that mean no good; EXT2: a disk to be "
+     "read"},
+    {"opens-as", 2, opens_as, "opens-as UID PATH: what a user without rights is told"},
+    {"shut-down", 1, shut_down, "shut-down MOUNT: XFS ends with its log written and not replayed"},
     {"sums", 1, sums, "sums FOLDER: what every file holds"},
     {"churn", 3, churn, "churn FOLDER SEED STOP: changes files until there is a file STOP"},
     {"eat", 2, eat, "eat MIB STOP: fills memory until there is a file STOP"},

@@ -78,4 +78,14 @@ int request(const Words &words) {
     return 1;
 }
 
+// The file system writes its log and nothing else, and takes nothing more: what a power cut leaves.
+int shut_down(const Words &words) {
+    constexpr unsigned long kGoingDown = _IOR('X', 125, std::uint32_t);
+    std::uint32_t flush_log = 1;
+    const int fd = open(words[0].c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 || ioctl(fd, kGoingDown, &flush_log) != 0)
+        die(words[0]);
+    return close(fd) == 0 ? 0 : 1;
+}
+
 }  // namespace vm_tool
