@@ -3,7 +3,8 @@
 # SPDX-License-Identifier: GPL-2.0-only
 #
 # Tracks the changes of a real file system through trakd, checks every extent against the image byte
-# by byte, restarts and crashes the daemon, and takes snapshots under a program that keeps writing.
+# by byte, restarts and crashes the daemon, takes snapshots under a program that keeps writing, and makes
+# and restores a chain of backups.
 # Exit status 0 only when every check held; 77 where this machine can't mount (1 with CI=true).
 set -Eeuo pipefail
 here=$(dirname "$(readlink -f "$0")")
@@ -201,6 +202,8 @@ the_crash() {
 
 # shellcheck source=tests/system/demo_snap.sh
 . "$here/demo_snap.sh"
+# shellcheck source=tests/system/demo_backup.sh
+. "$here/demo_backup.sh"
 
 started=$SECONDS
 [ "$(id -u)" = 0 ] || cannot "mounting takes root"
@@ -213,4 +216,5 @@ the_comparison
 the_restart
 the_crash
 the_snapshots
+the_backups
 printf '\nThe demo held in all %s steps, in %s seconds.\n' "$step" "$((SECONDS - started))"
