@@ -5,8 +5,9 @@
  *   - a creation that fails after it was given a minor clears that minor's entry, also where the
  *     entry belongs to another node or lies beyond the table;
  *   - a creation removes whatever lies at /dev/trak/<name> before it makes its special file;
- *   - it reads its bitmap files while it holds the node table, so files on a file system that is
- *     mounted through a node wait for themselves;
+ *   - it finds its bitmap files by their path, so those on a file system that is mounted through a
+ *     node have no place once that is unmounted, which it must be before that node can go;
+ *   - snapshots whose COW files lie on each other's node wait for each other;
  *   - a snapshot creation with another chunk size than its filter's snapshots have, or one that
  *     finds no memory, never gives the node table back.
  * What would run into one is refused here, before any command is sent.
@@ -192,7 +193,8 @@ static int check_bmp_dir(struct trak *t, char *dir, char *why) {
         return lt_refuse(
             EDEADLK, why,
             "the bitmap directory %.200s lies on a file system that is mounted through "
-            "%.64s: the driver would wait for itself; give a directory on another disk",
+            "%.64s: unmounted before the end, it would miss the last save; give a directory on "
+            "another disk",
             full, node);
     strcpy(dir, full);
     return 0;

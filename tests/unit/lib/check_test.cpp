@@ -98,9 +98,10 @@ TEST_F(CheckFilter, refuses_a_second_filter_on_a_disk) {
 
 TEST_F(CheckFilter, refuses_a_bitmap_directory_on_a_node) {
     driver.places["/b"] = "trak3";
-    refused(filter_arg(), EDEADLK,
-            "the bitmap directory /b lies on a file system that is mounted through trak3: the "
-            "driver would wait for itself; give a directory on another disk");
+    refused(
+        filter_arg(), EDEADLK,
+        "the bitmap directory /b lies on a file system that is mounted through trak3: unmounted "
+        "before the end, it would miss the last save; give a directory on another disk");
     driver.places["/b"] = "";  // without a block device: fine for bitmaps
     EXPECT_EQ(0, attach(filter_arg())) << why;
 }
