@@ -41,20 +41,28 @@ void dispatch(App &app) {
         return map(app);
     case Verb::debug:
         return debug(app);
+    case Verb::attach_all:
+        return attach_all(app);
+    case Verb::stop_all:
+        return stop_all(app);
+    case Verb::check_config:
+        return check_config(app);
     }
 }
 
+bool connects_itself(Verb verb) {
+    return verb == Verb::attach_all || verb == Verb::stop_all || verb == Verb::check_config;
+}
+
 int run_request(const Request &request, const World &world) {
-    char why[TRAK_WHY_SIZE] = "";
-    trak *t = nullptr;
-    if (world.open(request.root.c_str(), &t, why) < 0)
-        throw Failure{why};
-    App app{world, request, std::unique_ptr<trak, Close>(t)};
+    App app{world, request, nullptr};
+    if (!connects_itself(request.verb))
+        app.connect();
     dispatch(app);
     world.out->flush();
     if (!world.out->good())
         throw Failure{"can't write the result to standard output"};
-    return 0;
+    return app.status;
 }
 
 }  // namespace
@@ -73,6 +81,24 @@ int run(int argc, const char *const *argv, const World &world) {
         *world.err << "trakctl: " << error.what() << std::endl;
     }
     return 1;
+}
+
+void App::connect() {
+    char why[TRAK_WHY_SIZE] = "";
+    trak *t = nullptr;
+    if (world.open(request.root.c_str(), &t, why) < 0)
+        throw Failure{why};
+    connection.reset(t);
+}
+
+bool App::connect_if_loaded() {
+    char why[TRAK_WHY_SIZE] = "";
+    trak *t = nullptr;
+    int rc = world.open(request.root.c_str(), &t, why);
+    if (rc < 0 && rc != -ENODEV)
+        throw Failure{why};
+    connection.reset(t);
+    return rc >= 0;
 }
 
 void App::result(const Json &json, const std::string &text) const {

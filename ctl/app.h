@@ -43,7 +43,11 @@ struct App {
     const World &world;
     const Request &request;
     std::unique_ptr<trak, Close> connection;
+    int status = 0;  // of the program, where no Failure is thrown
 
+    // Opens the driver, or throws Failure. connect_if_loaded(): false where there is no driver.
+    void connect();
+    bool connect_if_loaded();
     trak *t() const { return connection.get(); }
     std::ostream &out() const { return *world.out; }
     // The result: as JSON, or as text.
@@ -52,7 +56,7 @@ struct App {
     void notice(const std::string &sentence) const;
 };
 
-// Commands, one for each Verb; they throw Failure.
+// Commands, one for each Verb, with a connection; they throw Failure.
 void add_filter(App &app);
 void add_snap(App &app);
 void start(App &app);
@@ -67,6 +71,10 @@ void datablock(App &app);
 void test_datablock(App &app);
 void map(App &app);
 void debug(App &app);
+// Those about the configuration make the connection themselves.
+void attach_all(App &app);
+void stop_all(App &app);
+void check_config(App &app);
 
 // TRAK_GET_INFO, or a Failure that names the node.
 trak_info_arg node_info(const App &app, uint32_t minor);

@@ -1,5 +1,6 @@
 // ctl/cli.cpp: the command line, parsed (the one file that includes CLI11)
 // SPDX-License-Identifier: GPL-2.0-only
+#include "ctl/conf.h"
 #include "ctl/request.h"
 
 #include <CLI/CLI.hpp>
@@ -166,6 +167,23 @@ void add_bitmaps(CLI::App &app, Request &request) {
     map->add_option("--svg", request.svg, "write an SVG picture there instead")->type_name("F");
 }
 
+void add_config(CLI::App &app, Request &request) {
+    auto verb = [&](Verb which, const char *name, const char *help) {
+        auto *sub = add_verb(app, request, which, name, help);
+        sub->add_option("--config", request.config, "folder of *.conf files, or one such file")
+            ->default_val(conf_default)
+            ->type_name("PATH");
+        return sub;
+    };
+    verb(Verb::attach_all, "attach-all", "attach and start every configured disk");
+    verb(Verb::stop_all, "stop-all", "stop every filter, the configured ones in reverse order")
+        ->add_option("--wait", request.wait_seconds, "seconds to wait for nodes that are in use")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->type_name("S");
+    verb(Verb::check_config, "check-config",
+         "read the configuration and say what is wrong with it");
+}
+
 // What the options allow but the commands do not: a sentence, or empty.
 std::string contradiction(const Request &r) {
     if (r.verb != Verb::bitmap)
@@ -237,6 +255,7 @@ std::variant<Request, Early> parse_command_line(int argc, const char *const *arg
     add_lifecycle(app, request);
     add_reports(app, request);
     add_bitmaps(app, request);
+    add_config(app, request);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp &) {

@@ -26,6 +26,9 @@ enum class Verb {
     test_datablock,
     map,
     debug,
+    attach_all,
+    stop_all,
+    check_config,
 };
 
 struct Request {
@@ -45,6 +48,8 @@ struct Request {
     bool watch = false;
     double interval_seconds = 1;
     std::optional<int> level;
+    std::string config;       // attach-all, stop-all, check-config: a folder or a file
+    double wait_seconds = 0;  // stop-all: for nodes that are in use
     trak_resume_arg resume = {0, 1, 0, 0};
 };
 

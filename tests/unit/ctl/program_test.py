@@ -63,6 +63,8 @@ class Program(unittest.TestCase):
         self.assertIn("add-filter", complete("add"))
         self.assertEqual(["bitmap"], complete("bit"))
         self.assertIn("--extent-size", complete("add-filter", "--"))
+        self.assertEqual(["start", "status", "stop", "stop-all"], sorted(complete("st")))
+        self.assertIn("--wait", complete("stop-all", "--config", "/x", "--"))
         self.assertEqual(["get", "get-clear"], complete("bitmap", "ge"))
         self.assertEqual(["incr", "diff"], complete("bitmap", "get", "3", ""))
         self.assertEqual(["incr", "diff", "datablock"], complete("map", "3", ""))
