@@ -36,15 +36,15 @@ class Shelves {
     static std::size_t room_for(std::size_t size) {
         return size > kSmall ? size : (size + kStep - 1) / kStep * kStep;
     }
-    // A piece of room_for(size), of which so much may be touched again, or null.
-    void *take(std::size_t size) {
+    // A piece of room_for(size), of which what lies from `closed` to `size` may be touched again, or null.
+    void *take(std::size_t size, std::size_t closed) {
         Shelf &shelf = shelf_of(size);
         if (shelf.pieces.size() <= (size > kSmall ? 0 : kResting))
             return nullptr;
         void *piece = shelf.pieces.front();
         shelf.pieces.pop_front();
         bytes_ -= room_for(size);
-        OS_SIM_UNPOISON(piece, size);
+        OS_SIM_UNPOISON(static_cast<char *>(piece) + closed, size - closed);
         return piece;
     }
     // A new piece for `size` bytes, from a shelf or from malloc. Where shelves are in use, the first `closed`
@@ -52,9 +52,9 @@ class Shelves {
     void *room(std::size_t size, std::size_t closed) {
         if (!in_use())
             return std::malloc(size);
-        void *piece = take(size);
-        if (!piece)
-            piece = std::malloc(room_for(size));
+        if (void *piece = take(size, closed))
+            return piece;
+        void *piece = std::malloc(room_for(size));
         if (piece) {
             OS_SIM_POISON(piece, closed);
             OS_SIM_POISON(static_cast<char *>(piece) + size, room_for(size) - size);

@@ -35,6 +35,7 @@ constexpr std::size_t bitmap_room = 4096;
 constexpr std::size_t head_size = 6;
 constexpr std::uint8_t kFirstDetailed = 216;
 constexpr int most_operations = 60;
+constexpr int highest_minor = 15;  // walks over the table are a part of every run
 
 class Input {
   public:
@@ -133,9 +134,13 @@ class Caller {
         std::memcpy(memory() + offsetof(trak_add_snap_arg, chunk_size), &chunk_size,
                     sizeof chunk_size);
     }
+    // One of a few; or around the highest; or below 0.
     std::uint32_t minor() {
         const std::uint8_t b = in_.take<std::uint8_t>();
-        return b < 250 ? b % 5 : static_cast<std::uint32_t>(static_cast<std::int8_t>(b));
+        if (b < 248)
+            return b % 5;
+        return b < 252 ? highest_minor - 2u + b % 4
+                       : static_cast<std::uint32_t>(static_cast<std::int8_t>(b));
     }
     template <std::size_t n> void text(char (&field)[n], std::span<const char *const> usual) {
         // Twice as likely as any other: the first.
@@ -363,6 +368,7 @@ void run_control_program(std::span<const std::uint8_t> bytes) {
     snaps_in_the_making = 0;  // the boot before may have ended in the middle
     sim::World(storage, options).run([&] {
         trak_debug = detail;
+        trak_max_blk_minor = highest_minor;
         rc = trak_init();
         if (rc != 0)
             return;
