@@ -257,6 +257,22 @@ class Requests(OnTrak):
     modules = (*OnTrak.modules, "null_blk")
 
 
+class Memory(OnTrak):
+    """A guest that has hardly more memory than it needs to run."""
+
+    name = "memory"
+    short = ()
+    about = "writers and snapshots while memory lacks"
+    tools = (*OnTrak.tools, "mke2fs", "e2fsck")
+    memory_mib = 224
+    disk_mib, maps_mib = 128, 384
+    # Ending the eater comes with a backtrace.
+    allowed = r"Call Trace:"
+
+    def files(self, initramfs):
+        initramfs.put("etc/memory", b"5\n" if self.long else b"2\n")
+
+
 class Io(OnTrak):
     """fio, which finds every byte that is not what it wrote."""
 
@@ -340,4 +356,4 @@ class Power(OnTrak):
 
 
 SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Control, Requests, Fs,
-                                          Faults, Io, Power)}
+                                          Faults, Memory, Io, Power)}
