@@ -249,6 +249,8 @@ class Backup {
         job.image = &draft_->image();
         job.hashes = &draft_->hashes();
         job.below = base_ != nullptr ? &below_ : nullptr;
+        Map altered(map_.disk_size(), map_.unit_size());
+        job.altered = base_ != nullptr ? &altered : nullptr;
         bool begun = false, half = false;
         room_->begin();
         job.turn = [&](uint64_t done) {
@@ -276,6 +278,8 @@ class Backup {
         m_.bytes_written = counts.written;
         m_.bytes_zero = counts.zero;
         m_.bytes_unchanged = counts.unchanged;
+        if (base_ != nullptr)
+            m_.extents_unchanged = m_.extents_copied - altered.marked();
         c_.steps.at("copied");
     }
 

@@ -272,6 +272,8 @@ class Copy {
             (job_.below == nullptr ? counts_.zero : counts_.unchanged) += size;
             return;
         }
+        if (job_.altered != nullptr)
+            note_altered(piece.offset + at, size);
         {
             std::lock_guard lock(s_->mutex);
             piece.waiting++;
@@ -290,6 +292,12 @@ class Copy {
             counts_.written += size;
             job_.image->write(piece.offset + at, piece.data.get() + at, size, done);
         }
+    }
+
+    void note_altered(uint64_t offset, uint64_t size) {
+        uint64_t unit = job_.altered->unit_size();
+        for (uint64_t n = offset / unit; n <= (offset + size - 1) / unit; n++)
+            job_.altered->set(n);
     }
 
     static void release(Shared &shared, Piece *piece) {

@@ -22,6 +22,7 @@ struct CopyJob {
     ImageIo *image = nullptr;  // may be null: only hashes are wanted
     HashWriter *hashes = nullptr;
     ChainHashes *below = nullptr;  // what the image shows before the copy; null: zeros
+    Map *altered = nullptr;        // of the map's shape: gets the units that differ from `below`
     unsigned readers = 4;
     // Between requests, in the caller's thread: bytes done. May throw, which ends the copy.
     std::function<void(uint64_t done)> turn;

@@ -127,6 +127,7 @@ Manifest manifest_of(const json &j) {
     m.extents_mapped = j.at("extents").at("mapped").get<uint64_t>();
     m.extents_after_freeze = j.at("extents").at("after_freeze").get<uint64_t>();
     m.extents_copied = j.at("extents").at("copied").get<uint64_t>();
+    m.extents_unchanged = j.at("extents").at("unchanged").get<uint64_t>();
     bytes_from(j.at("bytes"), m);
     for (const auto &[phase, seconds] : j.at("seconds").items())
         m.seconds.emplace_back(phase, seconds.get<double>());
@@ -191,7 +192,8 @@ std::string manifest_text(const Manifest &m) {
               {"extents",
                {{"mapped", m.extents_mapped},
                 {"after_freeze", m.extents_after_freeze},
-                {"copied", m.extents_copied}}},
+                {"copied", m.extents_copied},
+                {"unchanged", m.extents_unchanged}}},
               {"bytes", bytes_json(m)},
               {"seconds", seconds_json(m)},
               {"image", entry_json(m.image)},

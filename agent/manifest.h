@@ -63,12 +63,13 @@ struct Manifest {
     uint64_t extents_mapped = 0;        // in the map that was taken
     uint64_t extents_after_freeze = 0;  // in the map that was read after the snapshot was started
     uint64_t extents_copied = 0;
-    uint64_t bytes_mapped = 0;     // of disk under the copied extents
-    uint64_t bytes_read = 0;       // from the snapshot, for the copy
-    uint64_t bytes_audited = 0;    // from the snapshot, for the audit
-    uint64_t bytes_written = 0;    // data into the image
-    uint64_t bytes_zero = 0;       // blocks of zeros
-    uint64_t bytes_unchanged = 0;  // reported as changed, and as they were in the chain
+    uint64_t extents_unchanged = 0;  // of these: in every block as they were in the chain
+    uint64_t bytes_mapped = 0;       // of disk under the copied extents
+    uint64_t bytes_read = 0;         // from the snapshot, for the copy
+    uint64_t bytes_audited = 0;      // from the snapshot, for the audit
+    uint64_t bytes_written = 0;      // data into the image
+    uint64_t bytes_zero = 0;         // blocks of zeros
+    uint64_t bytes_unchanged = 0;    // reported as changed, and as they were in the chain
     std::vector<std::pair<std::string, double>> seconds;  // time spent, by phase
     FileEntry image, hashes, map;
     AuditResult audit;

@@ -52,6 +52,10 @@ def faults(one):
         found.append("more extents than the disk has")
     if one["audit"]["differing"]:
         found.append(f"the audit found {one['audit']['differing']} silent misses")
+    if extents["unchanged"] * one["node"]["extent_size"] > moved["unchanged"]:
+        found.append("extents that were as before have altered blocks")
+    if one["kind"] == "incr" and not extents["unchanged"]:
+        found.append("a file that was written again as it was cost a copy")
     return [f"{one['id']}: {text}" for text in found]
 
 
