@@ -23,9 +23,8 @@
 #include "agent/prune.h"
 #include "agent/version.h"
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
-#include <csignal>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -249,8 +248,6 @@ class Backup {
         job.image = &draft_->image();
         job.hashes = &draft_->hashes();
         job.below = base_ != nullptr ? &below_ : nullptr;
-        Map altered(map_.disk_size(), map_.unit_size());
-        job.altered = base_ != nullptr ? &altered : nullptr;
         bool begun = false, half = false;
         room_->begin();
         job.turn = [&](uint64_t done) {
@@ -278,8 +275,7 @@ class Backup {
         m_.bytes_written = counts.written;
         m_.bytes_zero = counts.zero;
         m_.bytes_unchanged = counts.unchanged;
-        if (base_ != nullptr)
-            m_.extents_unchanged = m_.extents_copied - altered.marked();
+        m_.extents_unchanged = counts.units_unchanged;
         c_.steps.at("copied");
     }
 
@@ -310,9 +306,9 @@ class Backup {
         job.seed = m_.seed;
         job.changed = &map_;
         job.chain = &below_;
-        uint64_t copied = m_.bytes_mapped / m_.block_size;
-        job.sample = o_.audit_sample > 0 ? static_cast<uint64_t>(o_.audit_sample)
-                                         : std::clamp<uint64_t>(copied / 25, 16, 4096);
+        job.sample = o_.audit_sample > 0
+                         ? static_cast<uint64_t>(o_.audit_sample)
+                         : std::clamp<uint64_t>(m_.bytes_mapped / m_.block_size / 25, 16, 4096);
         job.turn = [](uint64_t, uint64_t) { check_interrupt(); };
         AuditOutcome outcome = audit_blocks(job);
         m_.audit = outcome.result;

@@ -151,6 +151,8 @@ void read_on(Shared &s, const CopyJob &job) {
 class Copy {
   public:
     explicit Copy(const CopyJob &job) : job_(job), s_(std::make_shared<Shared>()) {
+        if (job.below != nullptr)
+            altered_ = Map(job.map->disk_size(), job.map->unit_size());
         s_->wake.reset(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
         if (!s_->wake.valid())
             throw Failure("can't make an event", errno);
@@ -192,6 +194,8 @@ class Copy {
             uint64_t count;
             (void)!::read(s_->wake.get(), &count, sizeof(count));
         }
+        if (job_.below != nullptr)
+            counts_.units_unchanged = job_.map->marked() - altered_.marked();
         return counts_;
     }
 
@@ -272,8 +276,7 @@ class Copy {
             (job_.below == nullptr ? counts_.zero : counts_.unchanged) += size;
             return;
         }
-        if (job_.altered != nullptr)
-            note_altered(piece.offset + at, size);
+        note_altered(piece.offset + at, size);
         {
             std::lock_guard lock(s_->mutex);
             piece.waiting++;
@@ -295,9 +298,11 @@ class Copy {
     }
 
     void note_altered(uint64_t offset, uint64_t size) {
-        uint64_t unit = job_.altered->unit_size();
+        if (job_.below == nullptr)
+            return;
+        uint64_t unit = altered_.unit_size();
         for (uint64_t n = offset / unit; n <= (offset + size - 1) / unit; n++)
-            job_.altered->set(n);
+            altered_.set(n);
     }
 
     static void release(Shared &shared, Piece *piece) {
@@ -313,6 +318,7 @@ class Copy {
     std::shared_ptr<Shared> s_;
     std::vector<std::thread> threads_;
     CopyCounts counts_;
+    Map altered_;  // units that differ from `below`
     uint64_t done_ = 0;
 };
 

@@ -12,6 +12,7 @@ namespace agent {
 
 struct CopyCounts {
     uint64_t read = 0, written = 0, zero = 0, unchanged = 0;  // bytes
+    uint64_t units_unchanged = 0;  // of the map's marked ones: as in `below`; 0 without
 };
 
 struct CopyJob {
@@ -22,7 +23,6 @@ struct CopyJob {
     ImageIo *image = nullptr;  // may be null: only hashes are wanted
     HashWriter *hashes = nullptr;
     ChainHashes *below = nullptr;  // what the image shows before the copy; null: zeros
-    Map *altered = nullptr;        // of the map's shape: gets the units that differ from `below`
     unsigned readers = 4;
     // Between requests, in the caller's thread: bytes done. May throw, which ends the copy.
     std::function<void(uint64_t done)> turn;
