@@ -50,6 +50,10 @@ def arguments():
     return options
 
 
+# Programs of the guest that are made here; the others are the host's.
+OURS = ("trakctl", "trakd", "caller32")
+
+
 class Deadline:
     """What is left of the budget, and of TRAK_DEADLINE."""
 
@@ -72,7 +76,7 @@ def initramfs_of(suite, kernel):
         initramfs.file(f"suites/{name}", f"{HERE}/guest/{name}")
     initramfs.program(f"{BIN}/vm_tool")
     for name in suite.tools:
-        initramfs.program(f"{BIN}/{name}" if name in ("trakctl", "caller32") else name)
+        initramfs.program(f"{BIN}/{name}" if name in OURS else name)
     initramfs.kernel_modules(kernel, suite.modules)
     suite.files(initramfs)
     if suite.needs_trak:

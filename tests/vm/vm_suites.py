@@ -230,8 +230,20 @@ class Fs(OnTrak):
 
     def check(self, report):
         for name, _, _, check, _ in self.KINDS:
-            report_clean(report, f"fs.{name}.is_clean_afterwards", *check.split(),
+            report_clean(report, f"{self.name}.{name}.is_clean_afterwards", *check.split(),
                          self.path(name))
+
+
+class User(Fs):
+    """The same tests, over trakd."""
+
+    name = "user"
+    short = ()
+    about = "the suite fs over the driver in user space"
+    needs_trak = False
+    modules = (*Fs.modules, "fuse", "loop")
+    tools = ("trakctl", "trakd", "losetup")
+    KINDS = tuple(row for row in Fs.KINDS if row[0] in ("ext4", "xfs", "xfs-v4"))
 
 
 class Faults(OnTrak):
@@ -356,4 +368,4 @@ class Power(OnTrak):
 
 
 SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Control, Requests, Fs,
-                                          Faults, Memory, Io, Power)}
+                                          User, Faults, Memory, Io, Power)}

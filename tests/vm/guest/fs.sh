@@ -6,13 +6,11 @@
 # etc/fs: one line per disk: NUMBER NAME KIND OPTIONS, the last for mounting a snapshot. etc/scale: how
 # many times as many files as in the short form.
 read -r scale </etc/scale
+: "${suite:?}"
 
 extent=16384
 
-mount_node() {
-  mkdir -p /mnt/node
-  mount -t "$1" /dev/trak/trak0 /mnt/node
-}
+mount_node() { mount_on 0 /mnt/node "$1"; }
 
 # What the disk holds now, past every cache.
 look() { vm_tool hash "$(disk "$1")" $extent "$2"; }
@@ -30,7 +28,7 @@ tracks() {
   vm_tool age /mnt/node 1 $((120 * scale)) 6000
   cp -r /mnt/node/d0 /mnt/node/copied
   sync
-  umount /mnt/node
+  unmount /mnt/node
   look "$number" /tmp/after
   trakctl bitmap get-clear 0 incr --file /tmp/incr
   trakctl bitmap get 0 diff --file /tmp/diff
@@ -39,7 +37,7 @@ tracks() {
   # From the moment of the first map on, in the incremental one alone.
   mount_node "$kind"
   rm -r /mnt/node/copied
-  umount /mnt/node
+  unmount /mnt/node
   look "$number" /tmp/last
   trakctl bitmap get 0 incr --file /tmp/incr
   trakctl bitmap get 0 diff --file /tmp/diff
@@ -49,10 +47,9 @@ tracks() {
 
 # show MINOR KIND OPTIONS SUMS: the snapshot's files are those of SUMS.
 show() {
-  mkdir -p "/mnt/snap$1"
-  mount -t "$2" -o "$3" "/dev/trak/trak$1" "/mnt/snap$1"
+  mount_on "$1" "/mnt/snap$1" "$2" "$3"
   vm_tool sums "/mnt/snap$1/tree" >/tmp/shown
-  umount "/mnt/snap$1"
+  unmount "/mnt/snap$1"
   [ -s /tmp/shown ]
   cmp /tmp/shown "$4"
 }
@@ -91,7 +88,7 @@ snapshots() {
   [ "$(info 1 valid)" = true ]
   trakctl delete 1
   trakctl delete 2
-  umount /mnt/node
+  unmount /mnt/node
 }
 
 # map_is MINOR built|none: a snapshot that has a map knows of much that is free here; one without takes
@@ -121,7 +118,7 @@ xfs_map() {
   trakctl start 1
   map_is 1 built
   vm_tool sums /mnt/node >/tmp/sums
-  umount /mnt/node
+  unmount /mnt/node
   add_snap 2 4K
   trakctl start 2
   map_is 2 built
@@ -129,27 +126,26 @@ xfs_map() {
   rm -r /mnt/node/d0
   vm_tool age /mnt/node 7 50 9000
   vm_tool shut-down /mnt/node
-  umount /mnt/node
+  unmount /mnt/node
   add_snap 3 4K
   trakctl start 3
   map_is 3 none
   # What the first map left out of preserving is nothing that its files need.
-  mkdir -p /mnt/snap1
-  mount -t xfs -o "$2" /dev/trak/trak1 /mnt/snap1
+  mount_on 1 /mnt/snap1 xfs "$2"
   vm_tool sums /mnt/snap1 >/tmp/shown
   cmp /tmp/sums /tmp/shown
-  umount /mnt/snap1
+  unmount /mnt/snap1
   mount_node xfs
-  umount /mnt/node
+  unmount /mnt/node
   add_snap 4 4K
   trakctl start 4
   map_is 4 built
 }
 
 while read -r number name kind options; do
-  try "fs.$name.every_change_is_marked" tracks "$number" "$kind"
-  try "fs.$name.snapshots_hold_their_files_under_load" snapshots "$number" "$kind" "$options"
+  try "$suite.$name.every_change_is_marked" tracks "$number" "$kind"
+  try "$suite.$name.snapshots_hold_their_files_under_load" snapshots "$number" "$kind" "$options"
   # The readers know XFS without checksums.
   [ "$name" != xfs-v4 ] ||
-    try "fs.$name.map_is_built_frozen_and_unmounted_and_not_cut_off" xfs_map "$number" "$options"
+    try "$suite.$name.map_is_built_frozen_and_unmounted_and_not_cut_off" xfs_map "$number" "$options"
 done </etc/fs

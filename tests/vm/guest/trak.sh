@@ -51,6 +51,13 @@ add_snap() {
     --cow-bmp "${3:-/mnt/maps}/cow$1.map" --cow-data "${3:-/mnt/maps}/cow$1.data"
 }
 
+# mount_on NODE POINT KIND [OPTIONS], and its end.
+mount_on() {
+  mkdir -p "$2"
+  mount -t "$3" ${4:+-o "$4"} "/dev/trak/trak$1" "$2"
+}
+unmount() { umount "$1"; }
+
 # info NODE FIELD: a member of a report in JSON, as it stands there.
 info() {
   trakctl --json info "$1" | tr -d ' \n' | sed -n "s/.*\"$2\":\(\"[^\"]*\"\|[^,}]*\).*/\1/p" |
@@ -79,3 +86,6 @@ all_down() {
 }
 # shellcheck disable=SC2034  # lib.sh calls it
 cleanup=all_down
+# The same tests over the driver in user space: what differs is in that file.
+# shellcheck source=tests/vm/guest/user_carrier.sh
+if [ "${carrier:-kernel}" = user ]; then . /suites/user_carrier.sh; fi
