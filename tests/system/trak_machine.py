@@ -195,6 +195,9 @@ class Machine:
                 daemon.process.wait(20)
             except subprocess.TimeoutExpired:
                 left.append(f"trakd does not end by itself:\n{daemon.log()[-500:]}")
+            races = daemon.log().find("WARNING: ThreadSanitizer")
+            if races >= 0:
+                left.append(f"a race in trakd:\n{daemon.log()[races:races + 3000]}")
         left += trak_sweep.sweep(self.dir)
         # On the file of a trakd whose mount went first: its name does not tell the directory.
         for name in sorted(self.loops):
