@@ -24,11 +24,12 @@ namespace {
     throw Failure(fmt::format("can't {} {}: {}", what, path, strerror(error)), error);
 }
 
-void ask(const char *call, const std::string &path) {
-    if (!hook)
-        return;
-    if (int error = hook(call, path))
-        fail(call, path, error);
+// Whether the call shall be made.
+bool ask(const char *call, const std::string &path) {
+    int answer = hook ? hook(call, path) : 0;
+    if (answer > 0)
+        fail(call, path, answer);
+    return answer == 0;
 }
 
 }  // namespace
@@ -105,8 +106,7 @@ size_t read_at(int fd, void *data, size_t size, uint64_t offset, const std::stri
 }
 
 void sync_file(int fd, const std::string &path) {
-    ask("sync", path);
-    if (fsync(fd) < 0)
+    if (ask("sync", path) && fsync(fd) < 0)
         fail("sync", path, errno);
 }
 

@@ -16,8 +16,8 @@
 
 namespace agent::files {
 
-// For tests: asked before each call that reaches the store; a result other than 0 is the errno with
-// which the call fails, without any effect.
+// For tests: asked before each call that reaches the store; a result above 0 is the errno with which
+// the call fails, without any effect. Below 0: a sync is left out, and succeeds.
 extern std::function<int(const char *call, const std::string &path)> hook;
 
 class Fd {

@@ -130,7 +130,7 @@ void settle_unknown(const Context &c, Store &store, const FilterNode &filter,
                     const std::string &why) {
     for (MapType type : both_types)
         mark_everything(c, filter, type, why);
-    for (uint32_t minor : filter.snaps) {
+    for (uint32_t minor : c.driver.filter(filter.id.minor).snaps) {
         SnapNode snap = c.driver.snap(minor);
         std::string name = snap.cow_data.substr(snap.cow_data.rfind('/') + 1);
         if (name.rfind(fmt::format("trak-backup-{}", store.head().store.substr(1, 8)), 0) == 0) {
@@ -152,6 +152,9 @@ bool settle_run(const Context &c, Store &store, const FilterNode &filter) {
     try {
         record = store.run_record();
     } catch (const Failure &failure) {
+        // What can't be read now may be read later; what is damaged stays so.
+        if (failure.error != 0)
+            throw;
         c.steps.at("settling");
         settle_unknown(c, store, filter, failure.text);
         return true;

@@ -268,6 +268,13 @@ int Driver::on_datablocks(trak_datablock_arg *arg) {
     return 0;
 }
 
+void Driver::forget(std::map<uint32_t, Node>::iterator node) {
+    auto filter = nodes.find(node->second.filter);
+    if (node->second.type == TRAK_DEV_SNAP && filter != nodes.end())
+        std::erase(filter->second.snaps, node->first);
+    nodes.erase(node);
+}
+
 int Driver::on_stopped(uint32_t minor, Node &node) {
     if (!node.started)
         return 0;
@@ -324,7 +331,7 @@ int Driver::dispatch(uint32_t code, void *record) {
         if (rc == 0 && node.type == TRAK_DEV_SNAP && node.stop_pending)
             node.del_pending = true;
         else if (rc == 0)
-            nodes.erase(found);
+            forget(found);
         return rc;
     }
     case TRAK_GET_DATABLOCK_BMP:

@@ -100,6 +100,7 @@ class Driver {
     int on_info(trak_info_arg *arg);
     int on_datablocks(trak_datablock_arg *arg);
     int on_stopped(uint32_t minor, Node &node);
+    void forget(std::map<uint32_t, Node>::iterator node);
     uint32_t lowest_free() const;
 
     static int ioctl(void *ctx, uint32_t code, void *record);
