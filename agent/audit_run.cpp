@@ -69,14 +69,11 @@ int make_audit(const Context &c, const AuditOptions &o) {
     std::string cow_dir = files::absolute(o.cow_dir.empty() ? store.folder() : o.cow_dir);
     CowRoom room(c.events, cow_dir, filter.id.size, o.cow_reserve);
     RunRecord record;
-    record.run = record.snap_uuid = new_uuid();
+    record.run = new_uuid();
     record.id = fmt::format("{:06}-audit", store.next_number());
     record.kind = Kind::diff;
     record.node = filter.id;
-    std::string cow =
-        fmt::format("{}/trak-backup-{}-{}", cow_dir, store.head().store.substr(1, 8), record.id);
-    record.cow_bmp = cow + ".cowmap";
-    record.cow_data = cow + ".cow";
+    name_snapshot(store, cow_dir, record);
     record.begun = now_text();
     files::replace_durably(store.run_path(), run_record_text(record));
     AuditOutcome outcome;

@@ -20,6 +20,7 @@
 #include "agent/copy.h"
 #include "agent/cow_room.h"
 #include "agent/draft.h"
+#include "agent/own_snapshot.h"
 #include "agent/prune.h"
 #include "agent/version.h"
 
@@ -98,10 +99,12 @@ class Backup {
         }
         std::string cow_dir = files::absolute(o_.cow_dir.empty() ? store_.folder() : o_.cow_dir);
         room_ = std::make_unique<CowRoom>(c_.events, cow_dir, filter_.id.size, o_.cow_reserve);
-        std::string cow =
-            fmt::format("{}/trak-backup-{}-{}", cow_dir, store_.head().store.substr(1, 8), m_.id);
-        record_ = {m_.run,          m_.id,        kind_,    filter_.id, new_uuid(),
-                   cow + ".cowmap", cow + ".cow", m_.begun, false};
+        record_.run = m_.run;
+        record_.id = m_.id;
+        record_.kind = kind_;
+        record_.node = filter_.id;
+        record_.begun = m_.begun;
+        name_snapshot(store_, cow_dir, record_);
         files::replace_durably(store_.run_path(), run_record_text(record_));
         c_.events.say("begin",
                       {{"id", m_.id},
@@ -120,6 +123,7 @@ class Backup {
     void make() {
         c_.steps.at("recorded");
         make_snap();
+        look_for_other_snaps();
         if (kind_ != Kind::diff) {
             claim_maps(filter_, store_);
             hold_map(MapType::incr);
@@ -147,6 +151,7 @@ class Backup {
             chunk_size = c_.driver.snap(filter_.snaps.front()).chunk_size;
         snap_minor_ = c_.driver.make_snap(filter_, chunk_size, record_.snap_uuid, record_.cow_bmp,
                                           record_.cow_data);
+        own_ = {record_.snap_uuid, snap_minor_, room_->folder()};
         c_.steps.at("snap-made");
     }
 
@@ -159,11 +164,16 @@ class Backup {
         step("-marked");
         Map map = c_.driver.take_map(filter_.id.minor, type);
         step("-taken");
-        std::vector<uint8_t> bytes = map_file_bytes(map, m_.run);
-        files::write_synced(path + ".new", bytes.data(), bytes.size());
-        step("-written");
-        files::rename_file(path + ".new", path);
-        files::sync_path(store_.folder());
+        try {
+            std::vector<uint8_t> bytes = map_file_bytes(map, m_.run);
+            files::write_synced(path + ".new", bytes.data(), bytes.size());
+            step("-written");
+            files::rename_file(path + ".new", path);
+            files::sync_path(store_.folder());
+        } catch (const Failure &) {
+            return_map(c_, store_, filter_, type, map);
+            throw;
+        }
         step("-held");
         files::remove_file(store_.marker_path(name));
         files::sync_path(store_.folder());
@@ -174,20 +184,25 @@ class Backup {
             map_ = std::move(map);
     }
 
+    // Without a frozen file system, a write that waits behind another snapshot's copy may reach the
+    // disk after this snapshot's start although its mark was taken before. Then the map is given back
+    // in the end, and the next backup copies it again. Asked before the map is taken and after the
+    // start, so that one that came or went in between is seen.
+    void look_for_other_snaps() {
+        if (kind_ == Kind::diff || record_.keep_map ||
+            !c_.driver.other_snap_runs(c_.driver.filter(filter_.id.minor), snap_minor_))
+            return;
+        record_.keep_map = true;
+        files::replace_durably(store_.run_path(), run_record_text(record_));
+        c_.events.notice("another snapshot of the node is running: this backup's map is kept, and "
+                         "the next one copies it again");
+    }
+
     void start_snap() {
         check_interrupt();
-        // Without a frozen file system, a write that waits behind another snapshot's copy may reach
-        // the disk after this snapshot's start although its mark was taken before. Then the map is
-        // given back in the end, and the next backup copies it again.
-        if (kind_ != Kind::diff &&
-            c_.driver.other_snap_runs(c_.driver.filter(filter_.id.minor), snap_minor_)) {
-            record_.keep_map = true;
-            files::replace_durably(store_.run_path(), run_record_text(record_));
-            c_.events.notice("another snapshot of the node is running: this backup's map is kept, "
-                             "and the next one copies it again");
-        }
         c_.driver.start_snap(snap_minor_);
         m_.frozen = now_text();
+        look_for_other_snaps();
         c_.steps.at("frozen");
     }
 
@@ -239,7 +254,7 @@ class Backup {
     }
 
     void copy() {
-        snap_fd_ = c_.driver.open_snap(c_.driver.snap(snap_minor_));
+        snap_fd_ = c_.driver.open_snap(own_.checked(c_.driver));
         CopyJob job;
         job.source = snap_fd_.get();
         job.map = &map_;
@@ -263,13 +278,7 @@ class Backup {
             room_->look(done, m_.bytes_mapped);
             c_.events.progress("copy", done, m_.bytes_mapped, false);
         };
-        CopyCounts counts;
-        try {
-            counts = copy_extents(job);
-        } catch (const Failure &failure) {
-            explain_invalid(failure);
-            throw;
-        }
+        CopyCounts counts = own_.reading(c_.driver, [&] { return copy_extents(job); });
         c_.events.progress("copy", m_.bytes_mapped, m_.bytes_mapped, true);
         m_.bytes_read = counts.read;
         m_.bytes_written = counts.written;
@@ -277,22 +286,6 @@ class Backup {
         m_.bytes_unchanged = counts.unchanged;
         m_.extents_unchanged = counts.units_unchanged;
         c_.steps.at("copied");
-    }
-
-    // A snapshot whose COW files are full answers nothing any more.
-    void explain_invalid(const Failure &failure) {
-        bool valid = true;
-        try {
-            valid = c_.driver.snap(snap_minor_).valid;
-        } catch (const Failure &) {
-            return;  // the driver is gone; the first failure says so
-        }
-        if (!valid)
-            throw Failure(
-                fmt::format("the snapshot became invalid while it was copied: {} had no room, or "
-                            "failed, for what was written to the disk meanwhile ({})",
-                            room_->folder(), failure.text),
-                failure.error);
     }
 
     void audit() {
@@ -310,7 +303,7 @@ class Backup {
                          ? static_cast<uint64_t>(o_.audit_sample)
                          : std::clamp<uint64_t>(m_.bytes_mapped / m_.block_size / 25, 16, 4096);
         job.turn = [](uint64_t, uint64_t) { check_interrupt(); };
-        AuditOutcome outcome = audit_blocks(job);
+        AuditOutcome outcome = own_.reading(c_.driver, [&] { return audit_blocks(job); });
         m_.audit = outcome.result;
         m_.bytes_audited = outcome.bytes_read;
         say_audit(c_.events, m_.audit, m_.parent);
@@ -383,6 +376,7 @@ class Backup {
     Manifest m_;
     RunRecord record_;
     uint32_t snap_minor_ = 0;
+    OwnSnapshot own_;
     Map map_;
     std::unique_ptr<Draft> draft_;
     ChainHashes below_;

@@ -53,6 +53,17 @@ int make_audit(const Context &context, const AuditOptions &options);
 // that writes, with the store locked, before anything else. Nothing to do: returns false.
 bool settle_run(const Context &context, Store &store, const FilterNode &filter);
 
+// Gives a map back that is in memory only, because the store has no room for it: nobody else has it.
+// Where the driver takes it, it is not unknown; where not, the marker stays and says that it is.
+void return_map(const Context &context, const Store &store, const FilterNode &filter, MapType type,
+                const Map &map);
+
+// Gives a record the identifier of the run's snapshot and the names of its COW files. They are this
+// run's alone: those of a run that was killed may be in use until an older snapshot ends.
+void name_snapshot(const Store &store, const std::string &cow_dir, RunRecord &record);
+// The beginning of the names of all COW files that runs of this store make.
+std::string cow_prefix(const Store &store);
+
 // The lock of a node against two agents.
 files::Fd lock_node(const FilterNode &filter);
 

@@ -51,6 +51,7 @@ SnapNode snap_of(const trak_info_arg &info) {
     snap.cow_data = text_of(info.cow_data_fname);
     snap.started = info.started != 0;
     snap.valid = info.snap_valid != 0;
+    snap.stop_pending = info.stop_pending != 0;
     return snap;
 }
 
@@ -85,7 +86,7 @@ std::string Driver::log_name() const {
 }
 
 void Driver::fail(int rc, const std::string &what) const {
-    if (rc == -ENOTCONN)
+    if (rc == -ENOTCONN || rc == -ECONNABORTED)
         throw Failure(
             fmt::format("can't {}: trakd at {} is gone; start it again", what, trak_root(t_)),
             ENOTCONN);
@@ -162,6 +163,21 @@ std::optional<SnapNode> Driver::find_snap(const std::string &uuid) const {
             return snap_of(record);
     }
     return std::nullopt;
+}
+
+std::vector<std::string> Driver::cow_files() const {
+    std::vector<std::string> paths;
+    for (uint32_t minor : nodes(TRAK_DEV_SNAP)) {
+        trak_info_arg record;
+        int rc = trak_get_info(t_, minor, &record);
+        if (rc == -EINVAL)
+            continue;  // gone meanwhile
+        if (rc < 0)
+            fail(rc, fmt::format("look at node {}", minor));
+        paths.push_back(text_of(record.cow_bmp_fname));
+        paths.push_back(text_of(record.cow_data_fname));
+    }
+    return paths;
 }
 
 bool Driver::other_snap_runs(const FilterNode &filter, uint32_t minor) const {

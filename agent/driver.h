@@ -27,7 +27,7 @@ struct FilterNode {
 struct SnapNode {
     uint32_t minor = 0, chunk_size = 0;
     std::string uuid, name, cow_bmp, cow_data;
-    bool started = false, valid = false;
+    bool started = false, valid = false, stop_pending = false;
 };
 
 enum class MapType : uint32_t { diff = TRAK_BMP_DIFF, incr = TRAK_BMP_INCR };
@@ -43,6 +43,8 @@ class Driver {
     FilterNode filter(uint32_t minor) const;
     SnapNode snap(uint32_t minor) const;
     std::optional<SnapNode> find_snap(const std::string &uuid) const;
+    // The COW files of all snapshots.
+    std::vector<std::string> cow_files() const;
     // Whether a snapshot of the filter other than `minor` runs.
     bool other_snap_runs(const FilterNode &filter, uint32_t minor) const;
 

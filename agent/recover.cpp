@@ -14,6 +14,7 @@
 
 #include "agent/bits.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -103,10 +104,30 @@ void remove_snapshot(const Context &c, const RunRecord &record) {
     files::remove_file(record.cow_data);
 }
 
+// What no snapshot uses: left by one of which the deletion was postponed when its driver was killed, or
+// by a run whose record can't be read.
+void sweep_cow_files(const Context &c, const Store &store, const std::string &folder) {
+    std::vector<std::string> used = c.driver.cow_files();
+    try {
+        for (const std::string &name : files::names_in(folder)) {
+            std::string path = folder + "/" + name;
+            if (name.rfind(cow_prefix(store), 0) == 0 &&
+                std::find(used.begin(), used.end(), path) == used.end())
+                files::remove_file(path);
+        }
+    } catch (const Failure &failure) {
+        // A folder that is not there any more must not keep backups from being made elsewhere.
+        c.events.notice(failure.text);
+    }
+}
+
 void remove_partial(const Store &store, const RunRecord &record) {
+    // A backup of another run is not this one's to remove, whatever its record says.
+    bool another = store.find(record.id) != nullptr;
     for (const char *suffix : {".json", ".map", ".hashes", ".qcow2"}) {
         files::remove_file(store.path(record.id + suffix + ".partial"));
-        files::remove_file(store.path(record.id + suffix));
+        if (!another)
+            files::remove_file(store.path(record.id + suffix));
     }
 }
 
@@ -133,7 +154,7 @@ void settle_unknown(const Context &c, Store &store, const FilterNode &filter,
     for (uint32_t minor : c.driver.filter(filter.id.minor).snaps) {
         SnapNode snap = c.driver.snap(minor);
         std::string name = snap.cow_data.substr(snap.cow_data.rfind('/') + 1);
-        if (name.rfind(fmt::format("trak-backup-{}", store.head().store.substr(1, 8)), 0) == 0) {
+        if (name.rfind(cow_prefix(store), 0) == 0) {
             std::string notice = remove_patiently(c, minor);
             if (!notice.empty())
                 c.events.notice(notice);
@@ -142,10 +163,34 @@ void settle_unknown(const Context &c, Store &store, const FilterNode &filter,
     for (const std::string &name : files::names_in(store.folder()))
         if (name.size() > 8 && name.compare(name.size() - 8, 8, ".partial") == 0)
             files::remove_file(store.path(name));
+    sweep_cow_files(c, store, store.folder());
     end_record(c, store);
 }
 
 }  // namespace
+
+void return_map(const Context &c, const Store &store, const FilterNode &filter, MapType type,
+                const Map &map) {
+    try {
+        c.driver.merge_map(filter.id.minor, type, map);
+        c.driver.save_map(filter.id.minor, type);
+        files::remove_file(store.marker_path(map_type_name(type)));
+    } catch (const Failure &failure) {
+        c.events.notice(failure.text);
+    }
+}
+
+std::string cow_prefix(const Store &store) {
+    return fmt::format("trak-backup-{}-", store.head().store.substr(1, 8));
+}
+
+void name_snapshot(const Store &store, const std::string &cow_dir, RunRecord &record) {
+    std::string cow =
+        fmt::format("{}/{}{}-{}", cow_dir, cow_prefix(store), record.id, record.run.substr(1, 8));
+    record.snap_uuid = new_uuid();
+    record.cow_bmp = cow + ".cowmap";
+    record.cow_data = cow + ".cow";
+}
 
 bool settle_run(const Context &c, Store &store, const FilterNode &filter) {
     std::optional<RunRecord> record;
@@ -182,6 +227,7 @@ bool settle_run(const Context &c, Store &store, const FilterNode &filter) {
     }
     c.steps.at("given-back");
     remove_snapshot(c, *record);
+    sweep_cow_files(c, store, files::folder_of(record->cow_data));
     c.steps.at("snap-removed");
     if (!committed)
         remove_partial(store, *record);
