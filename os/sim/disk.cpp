@@ -47,7 +47,7 @@ template <typename Fn> void each_piece(const os_bio &bio, Fn fn) {
         const os_bio_vec &vec = bio.vecs[i];
         page_check(vec.page, "a disk");
         std::uint32_t n = std::min(vec.len, left);
-        fn(offset, vec.page->data + vec.offset, n);
+        fn(offset, page_data(vec.page) + vec.offset, n);
         offset += n;
         left -= n;
     }

@@ -1,10 +1,9 @@
 // os/sim/memory.cpp: the driver's memory, tracked
 // SPDX-License-Identifier: GPL-2.0-only
 //
-// Each piece is one malloc with a header before it, so that the address sanitizer sees overruns. New
-// memory holds 0xa5, freed memory 0x6b. With keep_memory() pieces come from shelves, where the sanitizer
-// sees the same. Without the sanitizer a mark after the piece finds overruns at the free, and freed pieces
-// are kept for a while and looked at for late writes.
+// Each piece is one malloc with a header before it, or comes from a shelf, so that the address sanitizer sees
+// overruns. New memory holds 0xa5, freed memory 0x6b. Without the sanitizer a mark after the piece finds
+// overruns at the free, and freed pieces are kept for a while and looked at for late writes.
 #include "os/memory.h"
 
 #include <cerrno>
@@ -144,7 +143,7 @@ bool may_allocate(os_gfp gfp, const char *function) {
 
 }  // namespace
 
-void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
+void *mem_alloc_bare(Kind kind, std::size_t size, const void *caller) {
     Kernel &k = kernel();
     auto *block = static_cast<Block *>(shelves().room(kHeader + size + kMark, kHeader));
     if (!block)
@@ -157,10 +156,23 @@ void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
         close_header(k.blocks);
     }
     k.blocks = block;
-    fill(data_of(block), kFresh, size);
     fill(data_of(block) + size, kEdge, kMark);
     close_header(block);
     return data_of(block);
+}
+
+void *mem_alloc(Kind kind, std::size_t size, const void *caller) {
+    void *p = mem_alloc_bare(kind, size, caller);
+    fill(p, kFresh, size);
+    return p;
+}
+
+unsigned char *page_data(os_page *page) {
+    if (!page->data) {
+        page->data = page->own;
+        fill(page->data, kFresh, OS_PAGE_SIZE);
+    }
+    return page->data;
 }
 
 void mem_check(Kind kind, const void *p, const char *function) {
@@ -362,11 +374,11 @@ void os_mempool_free(void *element, struct os_mempool *pool) {
 struct os_page *os_alloc_page(os_gfp gfp) {
     if (!may_allocate(gfp, "os_alloc_page"))
         return nullptr;
-    void *p = mem_alloc(Kind::kPage, sizeof(os_page), __builtin_return_address(0));
+    void *p = mem_alloc_bare(Kind::kPage, sizeof(os_page), __builtin_return_address(0));
     auto *page = static_cast<os_page *>(p);
     page->magic = kPageMagic;
     page->submitters = 0;
-    page->data = page->own;
+    page->data = nullptr;
     return page;
 }
 
@@ -376,12 +388,13 @@ void os_free_page(struct os_page *page) {
     page_check(page, "os_free_page");
     if (page->submitters)
         fail("os_free_page: the page belongs to the submitter of a request");
+    page->magic = 0;
     mem_free(Kind::kPage, page, "os_free_page");
 }
 
 void *os_page_address(struct os_page *page) {
     page_check(page, "os_page_address");
-    return page->data;
+    return page_data(page);
 }
 
 }  // extern "C"

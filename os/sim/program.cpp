@@ -81,7 +81,7 @@ void collect(Request &request) {
     std::size_t done = 0;
     for (std::uint32_t i = 0; i < request.bio->vcnt; i++) {
         const os_bio_vec &vec = request.bio->vecs[i];
-        std::memcpy(request.data.data() + done, vec.page->data + vec.offset, vec.len);
+        std::memcpy(request.data.data() + done, page_data(vec.page) + vec.offset, vec.len);
         done += vec.len;
     }
 }
