@@ -3,7 +3,7 @@
 #include "os/base.h"
 
 #include <linux/bug.h>
-#include <linux/printk.h>
+#include <linux/kernel.h>
 
 void os_bug(const char *file, int line, const char *condition) {
     pr_crit("trak: %s:%d: %s\n", file, line, condition);

@@ -84,7 +84,7 @@ os_dev_t os_bdev_dev(const struct os_bdev *bdev) {
 }
 
 uint64_t os_bdev_size(const struct os_bdev *bdev) {
-    return bdev_nr_bytes(real_bdev(bdev));
+    return compat_bdev_bytes(real_bdev(bdev));
 }
 
 uint32_t os_bdev_block_size(const struct os_bdev *bdev) {
@@ -92,7 +92,7 @@ uint32_t os_bdev_block_size(const struct os_bdev *bdev) {
 }
 
 uint32_t os_bdev_openers(const struct os_bdev *bdev) {
-    return atomic_read(&real_bdev(bdev)->bd_openers);
+    return compat_bdev_openers(real_bdev(bdev));
 }
 
 struct os_disk *os_bdev_disk(const struct os_bdev *bdev) {
@@ -112,8 +112,5 @@ void os_invalidate_bdev(struct os_bdev *bdev) {
 }
 
 int os_bdev_ioctl(struct os_bdev *bdev, uint32_t mode, uint32_t cmd, os_uaddr arg) {
-    struct block_device *b = real_bdev(bdev);
-    const struct block_device_operations *ops = b->bd_disk->fops;
-
-    return ops->ioctl ? ops->ioctl(b, (compat_mode)mode, cmd, arg) : 0;
+    return compat_bdev_ioctl(real_bdev(bdev), mode, cmd, arg);
 }

@@ -11,6 +11,10 @@
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
+#include <compat_file.h>
+
+enum { most_majors = 512 };
+
 struct registration {
     struct file_operations calls;
     const struct os_file_operations *fops;
@@ -36,7 +40,7 @@ static ssize_t call_write(struct file *file, const char __user *buf, size_t coun
 static long call_ioctl(struct file *file, unsigned int cmd, unsigned long arg) {
     const struct os_file_operations *fops = fops_of(file);
 
-    return fops->ioctl ? fops->ioctl(file_inode(file), file, cmd, arg) : -ENOTTY;
+    return fops->ioctl ? fops->ioctl(compat_inode(file), file, cmd, arg) : -ENOTTY;
 }
 
 static int call_open(struct inode *inode, struct file *file) {
@@ -59,9 +63,12 @@ static const struct file_operations calls = {
 };
 
 int os_register_chrdev(uint32_t major, const char *name, const struct os_file_operations *fops) {
-    struct registration *registration = kmalloc(sizeof(*registration), GFP_KERNEL);
+    struct registration *registration;
     int rc;
 
+    if (major >= most_majors) /* not every kernel says so itself */
+        return -EINVAL;
+    registration = kmalloc(sizeof(*registration), GFP_KERNEL);
     if (!registration)
         return -ENOMEM;
     registration->calls = calls;

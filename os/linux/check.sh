@@ -11,7 +11,7 @@ refuse() {
 }
 
 [ -d "$kdir" ] || refuse "there is no kernel tree in $kdir; give one with KDIR=/lib/modules/RELEASE/build"
-[ -n "$release" ] || refuse "$kdir is not a configured kernel tree (no include/generated/utsrelease.h)"
+[ -n "$release" ] || refuse "$kdir is not a configured kernel tree (it has no utsrelease.h)"
 case " $lines " in
 *" $line "*) ;;
 *) refuse "kernel $release is not supported; supported lines: $lines" ;;

@@ -3,21 +3,14 @@
 #include "os/log.h"
 
 #include <linux/kernel.h>
-#include <linux/printk.h>
 
-// The level stands in the text as "<3>"; today's kernels take it in another form.
+#include <compat_log.h>
+
 void os_printk(const char *fmt, ...) {
-    struct va_format text = {.fmt = fmt};
-    char level = KERN_DEFAULT[1];
     va_list args;
 
-    if (fmt[0] == '<' && fmt[1] >= '0' && fmt[1] <= '7' && fmt[2] == '>') {
-        level = fmt[1];
-        text.fmt = fmt + 3;
-    }
     va_start(args, fmt);
-    text.va = &args;
-    printk("%c%c%pV", KERN_SOH_ASCII, level, &text);
+    compat_vprintk(fmt, &args);
     va_end(args);
 }
 

@@ -9,6 +9,8 @@
 #include <linux/slab.h>
 #include <linux/vmalloc.h>
 
+#include <compat_memory.h>
+
 #include "os/linux/gfp.h"
 
 void *os_kmalloc(size_t size, os_gfp gfp) {
@@ -24,7 +26,7 @@ void os_kfree(void *p) {
 }
 
 void *os_vmalloc(size_t size) {
-    return __vmalloc(size, os_linux_gfp(OS_GFP_KERNEL));
+    return compat_vmalloc(size, os_linux_gfp(OS_GFP_KERNEL));
 }
 
 void os_vfree(void *p) {

@@ -21,7 +21,7 @@ extern int32_t trak_debug;
 extern int32_t trak_blk_major;
 extern int32_t trak_max_blk_minor;
 
-static_assert(PAGE_SIZE == OS_PAGE_SIZE, "the driver's pages are the kernel's");
+_Static_assert(PAGE_SIZE == OS_PAGE_SIZE, "the driver's pages are the kernel's");
 
 static int __init trak_module_init(void) {
     int rc = trak_bio_init();
@@ -38,7 +38,7 @@ static int __init trak_module_init(void) {
 
 static void __exit trak_module_exit(void) {
     while (trak_cleanup() != 0)
-        schedule_timeout_idle(HZ);
+        schedule_timeout_uninterruptible(HZ);
     trak_disk_exit();
     trak_bio_exit();
 }

@@ -18,7 +18,7 @@
 
 struct os_dentry {
     struct path path;
-    struct name_snapshot name; /* of the moment of the lookup */
+    compat_name name; /* of the moment of the lookup */
 };
 
 struct os_parent {
@@ -30,7 +30,7 @@ struct os_parent {
 };
 
 // Takes the references that the path holds.
-static struct os_dentry *new_dentry(const struct path *path) {
+static struct os_dentry *new_dentry(struct path *path) {
     struct os_dentry *dentry = kmalloc(sizeof(*dentry), GFP_KERNEL);
 
     if (!dentry) {
@@ -38,7 +38,11 @@ static struct os_dentry *new_dentry(const struct path *path) {
         return ERR_PTR(-ENOMEM);
     }
     dentry->path = *path;
-    take_dentry_name_snapshot(&dentry->name, path->dentry);
+    if (!compat_take_name(&dentry->name, path->dentry)) {
+        path_put(path);
+        kfree(dentry);
+        return ERR_PTR(-ENOMEM);
+    }
     return dentry;
 }
 
@@ -53,33 +57,33 @@ struct os_dentry *os_path_lookup(const char *path, int follow) {
 }
 
 void os_dput(struct os_dentry *dentry) {
-    release_dentry_name_snapshot(&dentry->name);
+    compat_release_name(&dentry->name);
     path_put(&dentry->path);
     kfree(dentry);
 }
 
 bool os_dentry_positive(const struct os_dentry *dentry) {
-    return d_really_is_positive(dentry->path.dentry);
+    return dentry->path.dentry->d_inode != NULL;
 }
 
 const char *os_dentry_name(const struct os_dentry *dentry) {
-    return dentry->name.name.name;
+    return compat_name_text(&dentry->name);
 }
 
 uint32_t os_dentry_mode(const struct os_dentry *dentry) {
-    return d_inode(dentry->path.dentry)->i_mode;
+    return dentry->path.dentry->d_inode->i_mode;
 }
 
 const void *os_dentry_inode(const struct os_dentry *dentry) {
-    return d_inode(dentry->path.dentry);
+    return dentry->path.dentry->d_inode;
 }
 
 uint64_t os_dentry_ino(const struct os_dentry *dentry) {
-    return d_inode(dentry->path.dentry)->i_ino;
+    return dentry->path.dentry->d_inode->i_ino;
 }
 
 os_dev_t os_dentry_rdev(const struct os_dentry *dentry) {
-    return d_inode(dentry->path.dentry)->i_rdev;
+    return dentry->path.dentry->d_inode->i_rdev;
 }
 
 os_dev_t os_dentry_sb_dev(const struct os_dentry *dentry) {
@@ -132,14 +136,14 @@ void os_parent_put(struct os_parent *parent) {
 void os_parent_lock(struct os_parent *parent) {
     int writable = mnt_want_write(parent->path.mnt);
 
-    inode_lock_nested(d_inode(parent->path.dentry), I_MUTEX_PARENT);
+    compat_lock_folder(parent->path.dentry->d_inode);
     parent->writable = writable;
 }
 
 void os_parent_unlock(struct os_parent *parent) {
     int writable = parent->writable;
 
-    inode_unlock(d_inode(parent->path.dentry));
+    compat_unlock_folder(parent->path.dentry->d_inode);
     if (!writable)
         mnt_drop_write(parent->path.mnt);
 }
@@ -155,8 +159,7 @@ bool os_parent_last_has_tail(const struct os_parent *parent) {
 struct os_dentry *os_lookup_hash(struct os_parent *parent) {
     struct path found = {.mnt = parent->path.mnt};
 
-    found.dentry =
-        lookup_one(compat_mount_ids(found.mnt), parent->last, parent->path.dentry, parent->length);
+    found.dentry = compat_lookup(&parent->path, parent->last, parent->length);
     if (IS_ERR(found.dentry))
         return ERR_CAST(found.dentry);
     mntget(found.mnt);
@@ -168,8 +171,7 @@ int os_vfs_unlink(struct os_parent *parent, struct os_dentry *dentry) {
         return -ENOENT;
     if (parent->writable)
         return parent->writable;
-    return vfs_unlink(compat_mount_ids(parent->path.mnt), d_inode(parent->path.dentry),
-                      dentry->path.dentry, NULL);
+    return compat_unlink(&parent->path, dentry->path.dentry);
 }
 
 int os_vfs_mknod(struct os_parent *parent, struct os_dentry *dentry, uint32_t mode, os_dev_t dev) {
@@ -177,6 +179,5 @@ int os_vfs_mknod(struct os_parent *parent, struct os_dentry *dentry, uint32_t mo
         return -EEXIST;
     if (parent->writable)
         return parent->writable;
-    return vfs_mknod(compat_mount_ids(parent->path.mnt), d_inode(parent->path.dentry),
-                     dentry->path.dentry, mode, dev);
+    return compat_mknod(&parent->path, dentry->path.dentry, mode, dev);
 }

@@ -9,6 +9,8 @@
 #include <linux/spinlock.h>
 #include <linux/wait.h>
 
+#include <compat_task.h>
+
 #define PROBE(name, type)                                                                          \
     DEFINE(OS_SIZE_OF_##name, sizeof(type));                                                       \
     DEFINE(OS_ALIGN_OF_##name, __alignof__(type))
@@ -19,5 +21,5 @@ void trak_probe(void) {
     PROBE(SEMAPHORE, struct semaphore);
     PROBE(COMPLETION, struct completion);
     PROBE(WAIT_QUEUE_HEAD, wait_queue_head_t);
-    PROBE(WAIT_ENTRY, wait_queue_entry_t);
+    PROBE(WAIT_ENTRY, compat_wait_entry);
 }

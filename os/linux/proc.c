@@ -13,6 +13,8 @@
 #include <linux/slab.h>
 #include <linux/uaccess.h>
 
+#include <compat_proc.h>
+
 struct os_proc_entry {
     struct proc_dir_entry *real;
     struct os_proc_entry *parent;
@@ -55,8 +57,8 @@ static ssize_t read_piece(struct os_proc_entry *entry, os_proc_read_fn read, cha
 }
 
 static ssize_t proc_read(struct file *file, char __user *buf, size_t count, loff_t *pos) {
-    struct os_proc_entry *entry = pde_data(file_inode(file));
-    os_proc_read_fn read = smp_load_acquire(&entry->read);
+    struct os_proc_entry *entry = compat_pde_data(file);
+    os_proc_read_fn read = compat_load(&entry->read);
     ssize_t got = 0, n = 0;
     int eof = 0;
     char *page;
@@ -77,17 +79,13 @@ static ssize_t proc_read(struct file *file, char __user *buf, size_t count, loff
 }
 
 static ssize_t proc_write(struct file *file, const char __user *buf, size_t count, loff_t *pos) {
-    struct os_proc_entry *entry = pde_data(file_inode(file));
-    os_proc_write_fn write = smp_load_acquire(&entry->write);
+    struct os_proc_entry *entry = compat_pde_data(file);
+    os_proc_write_fn write = compat_load(&entry->write);
 
     return write ? write(file, (os_uaddr)buf, count, entry->data) : -EIO;
 }
 
-static const struct proc_ops calls = {
-    .proc_read = proc_read,
-    .proc_write = proc_write,
-    .proc_lseek = default_llseek,
-};
+COMPAT_PROC_OPERATIONS(calls, proc_read, proc_write);
 
 static struct list_head *children_of(struct os_proc_entry *parent) {
     return parent ? &parent->children : &top;
@@ -145,8 +143,8 @@ struct os_proc_entry *os_create_proc_entry(const char *name, uint32_t mode,
 void os_proc_set_ops(struct os_proc_entry *entry, os_proc_read_fn read, os_proc_write_fn write,
                      void *data) {
     entry->data = data;
-    smp_store_release(&entry->write, write);
-    smp_store_release(&entry->read, read);
+    compat_store(&entry->write, write);
+    compat_store(&entry->read, read);
 }
 
 const char *os_proc_name(const struct os_proc_entry *entry) {
@@ -181,6 +179,6 @@ void os_remove_proc_entry(struct os_proc_entry *entry) {
     mutex_lock(&tree_lock);
     list_del(&entry->sibling);
     mutex_unlock(&tree_lock);
-    proc_remove(entry->real); /* waits for callbacks that run */
+    compat_proc_remove(entry->real); /* waits for callbacks that run */
     kfree(entry);
 }

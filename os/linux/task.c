@@ -2,22 +2,21 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "os/task.h"
 
-#include <generated/utsrelease.h>
 #include <linux/err.h>
 #include <linux/kthread.h>
 #include <linux/module.h>
 #include <linux/pid.h>
 #include <linux/preempt.h>
 #include <linux/sched.h>
-#include <linux/sched/mm.h>
-#include <linux/sched/task.h>
 #include <linux/string.h>
+
+#include <compat_task.h>
 
 #include "os/linux/embedded.h"
 
 OS_LINUX_EMBEDS(os_completion, struct completion)
 
-static_assert((int)OS_TASK_COMM_LEN == (int)TASK_COMM_LEN, "names of tasks");
+_Static_assert((int)OS_TASK_COMM_LEN == (int)TASK_COMM_LEN, "names of tasks");
 
 struct os_task *os_current(void) {
     return (struct os_task *)current;
@@ -28,7 +27,7 @@ int os_current_pid(void) {
 }
 
 void os_current_comm(char name[OS_TASK_COMM_LEN]) {
-    strscpy(name, current->comm, OS_TASK_COMM_LEN);
+    snprintf(name, OS_TASK_COMM_LEN, "%s", current->comm);
 }
 
 bool os_in_interrupt(void) {
@@ -62,18 +61,20 @@ int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags,
 // A thread made by kthread_create has no user context and takes no signals. The module's threads are on
 // the way of writes: their own allocations and file writes must not wait until such a write is done.
 void os_daemonize(const char *name) {
+    char comm[TASK_COMM_LEN] = "";
+
+    snprintf(comm, sizeof(comm), "%s", name);
     task_lock(current);
-    strscpy_pad(current->comm, name, sizeof(current->comm));
+    memcpy(current->comm, comm, sizeof(comm));
     task_unlock(current);
-    current->flags |= PF_LOCAL_THROTTLE;
-    memalloc_noio_save(); /* to the end of the thread */
+    compat_thread_writes();
 }
 
 // There is always a completion. Asking for it leaves the function a way back, as its callers on other
 // platforms need: the kernel's check of objects wants no code behind a call that can't return.
 void os_complete_and_exit(struct os_completion *completion, long code) {
     if (completion)
-        kthread_complete_and_exit(real_os_completion(completion), code);
+        compat_complete_and_exit(real_os_completion(completion), code);
 }
 
 void os_module_get(void) {

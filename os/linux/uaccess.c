@@ -6,12 +6,14 @@
 #include <linux/sched.h>
 #include <linux/uaccess.h>
 
+#include <compat_uaccess.h>
+
 // The kernel refuses, with a warning, to copy more at once.
 #define PIECE ((size_t)1 << 30)
 
 bool os_access_ok(enum os_access type, os_uaddr addr, size_t size) {
     return size <= TASK_SIZE_MAX && addr <= TASK_SIZE_MAX - size &&
-           access_ok((void __user *)addr, size);
+           compat_access_ok((void __user *)addr, size);
 }
 
 size_t os_copy_from_user(void *to, os_uaddr from, size_t size) {

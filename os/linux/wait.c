@@ -3,20 +3,21 @@
 #include "os/wait.h"
 
 #include <linux/sched.h>
-#include <linux/sched/signal.h>
 #include <linux/wait.h>
+
+#include <compat_task.h>
 
 #include "os/linux/embedded.h"
 
 OS_LINUX_EMBEDS(os_wait_queue_head, wait_queue_head_t)
-OS_LINUX_EMBEDS(os_wait_entry, wait_queue_entry_t)
+OS_LINUX_EMBEDS(os_wait_entry, compat_wait_entry)
 
 // A thread of the module may wait for work for days. That is no hang and no load, as a process that
 // waits for a lock would be.
 static int sleeping_state(enum os_wait_mode mode) {
     if (mode == OS_WAIT_INTERRUPTIBLE)
         return TASK_INTERRUPTIBLE;
-    return current->flags & PF_KTHREAD ? TASK_IDLE : TASK_UNINTERRUPTIBLE;
+    return current->flags & PF_KTHREAD ? COMPAT_TASK_IDLE : TASK_UNINTERRUPTIBLE;
 }
 
 void os_init_waitqueue_head(struct os_wait_queue_head *head) {

@@ -19,12 +19,15 @@ from vm_initramfs import Initramfs
 from vm_machine import QEMU, Machine, Timeout, console_in, faults_in
 from vm_report import CannotRun, Report, in_ci, note, warn
 from vm_suites import BIN, HERE, SUITES
+from vm_tree import Tree
 
 
 def arguments():
     parser = argparse.ArgumentParser(prog="./run vm", description=(
         "Boots Debian's kernels under QEMU, without KVM, and runs suites in them."))
     parser.add_argument("--kernel", choices=[*vm_kernels.SERIES, "all"], default="all")
+    parser.add_argument("--kernel-tree", metavar="FOLDER", help=(
+        "a built kernel tree, of any supported line, in place of Debian's kernels"))
     parser.add_argument("--suite", action="append", metavar="NAME", help=(
         f"one of {', '.join(SUITES)}; or all: the long set. Without it the short set, which "
         "./run test runs too"))
@@ -67,7 +70,7 @@ class Deadline:
 
 
 def initramfs_of(suite, kernel):
-    initramfs = Initramfs()
+    initramfs = Initramfs(kernel.release)
     initramfs.file("bin/busybox", "/bin/busybox", 0o100755)
     initramfs.link("bin/sh", "busybox")
     initramfs.file("init", f"{HERE}/guest/init.sh", 0o100755)
@@ -77,7 +80,11 @@ def initramfs_of(suite, kernel):
     initramfs.program(f"{BIN}/vm_tool")
     for name in suite.tools:
         initramfs.program(f"{BIN}/{name}" if name in OURS else name)
-    initramfs.kernel_modules(kernel, suite.modules)
+    own_fs = ["ext4"] if kernel.own_fs == "ext4" else ["ext2", kernel.own_fs]
+    initramfs.kernel_modules(kernel, [module for name in suite.modules
+                                      for module in (own_fs if name == "ext4" else [name])])
+    # What the file systems of the suites themselves are of.
+    initramfs.put("etc/own_fs", f"{kernel.own_fs}\n".encode())
     suite.files(initramfs)
     if suite.needs_trak:
         suite.trak_module(kernel, initramfs)
@@ -198,6 +205,7 @@ def run_suite(name, kernel, report, options, deadline):
     bad = report.count("not ok")
     try:
         suite = SUITES[name](folder, options.long)
+        suite.kernel = kernel
         suite.whole = not options.only
         disks = suite.disks()
         initramfs_of(suite, kernel).write(f"{folder}/initramfs")
@@ -220,19 +228,30 @@ def run_suite(name, kernel, report, options, deadline):
          f"{cpu_seconds() - cpu:.0f} s")
 
 
+def kernel_of(series, options):
+    if not shutil.which(QEMU):
+        raise CannotRun(f"there is no {QEMU}")
+    if not options.kernel_tree:
+        return vm_kernels.get(series, options.update)
+    tree = Tree(options.kernel_tree)
+    tree.build()
+    return tree
+
+
 def run_kernel(series, options, deadline):
     report = Report(f"vm-{series}")
     try:
-        if not shutil.which(QEMU):
-            raise CannotRun(f"there is no {QEMU}")
-        kernel = vm_kernels.get(series, options.update)
+        kernel = kernel_of(series, options)
     except CannotRun as why:
         report.skip(f"kernel-{series}.is_had", str(why))
+    except AssertionError as why:
+        report.fail(f"kernel-{series}.module_is_built", str(why))
     else:
         note(f"kernel {kernel.release}")
         names = options.suite
         if "short" in names:
-            names = [name for name, suite in SUITES.items() if series in suite.short]
+            names = [name for name, suite in SUITES.items()
+                     if series in suite.short or (options.kernel_tree and suite.short)]
         for name in names:
             run_suite(name, kernel, report, options, deadline)
     if options.junit:
@@ -251,6 +270,8 @@ def main():
     for signum in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
         signal.signal(signum, stop)
     all_series = vm_kernels.SERIES if options.kernel == "all" else [options.kernel]
+    if options.kernel_tree:
+        all_series = ["tree"]
     good = [run_kernel(series, options, deadline) for series in all_series]
     if not all(good):
         warn("not every test passed")

@@ -8,15 +8,17 @@ import re
 import shutil
 import subprocess
 
+from vm_old_kernel import for_old_kernel, is_old
 from vm_report import CannotRun
 
 TRAILER = "TRAILER!!!"
 
 
 class Initramfs:
-    """Files by their name in the guest."""
+    """Files by their name in the guest, whose kernel has this release."""
 
-    def __init__(self):
+    def __init__(self, release="6"):
+        self.old_kernel = is_old(release)
         self.entries = {}  # name -> (mode, data, device)
         for name in ("bin", "dev", "etc", "lib/modules", "mnt", "proc", "root", "run", "sys", "tmp",
                      "var/tmp"):
@@ -38,7 +40,13 @@ class Initramfs:
 
     def file(self, name, path, mode=0o100644):
         with open(path, "rb") as file:
-            self.put(name, file.read(), mode)
+            data = file.read()
+        if self.old_kernel and mode & 0o111:
+            try:
+                data = for_old_kernel(data)
+            except ValueError as why:
+                raise CannotRun(f"{path} can't be changed for an old kernel: {why}") from None
+        self.put(name, data, mode)
 
     def program(self, path):
         """A program by its path or by its name, with the libraries that it is linked with. Those of
@@ -59,7 +67,7 @@ class Initramfs:
     def kernel_modules(self, kernel, names):
         """Modules and what they depend on; etc/modules lists them in the order of loading. What is
         built into this kernel is left out."""
-        depends, built_in = dependencies(kernel)
+        depends, built_in = kernel.dependencies()
         order = []
 
         def visit(name):
@@ -71,7 +79,7 @@ class Initramfs:
             for other in needs:
                 visit(other)
             order.append(name)
-            with open(f"{kernel.modules}/{path}", "rb") as file:
+            with open(path, "rb") as file:
                 data = file.read()
             if path.endswith(".xz"):
                 data = lzma.decompress(data)
@@ -93,21 +101,3 @@ def write_entry(out, number, name, mode, data, device):
     fields = (number, mode, 0, 0, 1, 0, len(data), 0, 0, device[0], device[1], len(name), 0)
     head = b"070701" + b"".join(b"%08X" % field for field in fields) + name
     out.write(head + b"\0" * (-len(head) % 4) + data + b"\0" * (-len(data) % 4))
-
-
-def module_name(path):
-    return os.path.basename(path).split(".ko")[0].replace("-", "_")
-
-
-def dependencies(kernel):
-    """name -> (path, names it depends on) of every module; the names of those built in."""
-    depends = {}
-    with open(f"{kernel.modules}/modules.dep", encoding="utf-8") as file:
-        for line in file:
-            path, _, needs = line.partition(":")
-            # modules.dep names what must be loaded first last.
-            depends[module_name(path)] = (path, [module_name(need) for need in
-                                                 reversed(needs.split())])
-    with open(f"{kernel.modules}/modules.builtin", encoding="utf-8") as file:
-        built_in = {module_name(line.strip()) for line in file}
-    return depends, built_in

@@ -22,6 +22,7 @@ import tempfile
 
 from vm_report import CannotRun, note
 
+TOP = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 SERIES = {
     "6.1": re.compile(r"^linux-image-(6\.1\.\d+-(\d+)-amd64)$"),
     "6.12": re.compile(r"^linux-image-(6\.12\.(\d+)\+deb12-amd64)$"),
@@ -37,6 +38,29 @@ class Kernel:
         self.series, self.release, self.folder = series, release, folder
         self.image = f"{folder}/vmlinux"
         self.modules = f"{folder}/lib/modules/{release}"
+        self.built = f"{TOP}/build/kernel/{release}"
+        self.own_fs = "ext4"
+
+    def has(self, _option):
+        """Whether the kernel was configured with an option: a packaged one has what the suites need."""
+        return True
+
+    def dependencies(self):
+        """name -> (path, names it depends on) of every module; the names of those built in."""
+        depends = {}
+        with open(f"{self.modules}/modules.dep", encoding="utf-8") as file:
+            for line in file:
+                path, _, needs = line.partition(":")
+                # modules.dep names what must be loaded first last.
+                depends[module_name(path)] = (f"{self.modules}/{path}", [
+                    module_name(need) for need in reversed(needs.split())])
+        with open(f"{self.modules}/modules.builtin", encoding="utf-8") as file:
+            built_in = {module_name(line.strip()) for line in file}
+        return depends, built_in
+
+
+def module_name(path):
+    return os.path.basename(path).split(".ko")[0].replace("-", "_")
 
 
 def cache():

@@ -10,7 +10,6 @@ from vm_report import CannotRun, note
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 BIN = os.environ.get("TRAK_BIN_DIR") or os.path.join(HERE, "..", "..", "build", "bin")
-TOP = os.path.normpath(os.path.join(HERE, "..", ".."))
 MIB = 1 << 20
 
 
@@ -59,6 +58,7 @@ class Suite:
     def __init__(self, folder, long):
         self.folder, self.long = folder, long
         self.whole = True  # false: some tests only were asked for
+        self.kernel = None
 
     def disks(self):
         """Paths of the files that are the guest's disks."""
@@ -69,7 +69,7 @@ class Suite:
 
     def trak_module(self, kernel, initramfs):
         """The module for this kernel, and its tests, as `./run build kernel` makes them."""
-        built = f"{TOP}/build/kernel/{kernel.release}"
+        built = kernel.built
         if not os.path.exists(f"{built}/trak.ko"):
             raise AssertionError(f"there is no trak.ko for {kernel.release}: ./run build kernel")
         for name in os.listdir(built):
@@ -162,7 +162,7 @@ class OnTrak(Suite):
 
     def disks(self):
         maps = make_disk(f"{self.folder}/maps.img", self.maps_mib * MIB)
-        tool("mke2fs", "-q", "-F", "-t", "ext4", maps)
+        tool("mke2fs", "-q", "-F", "-t", self.kernel.own_fs, maps)
         return [make_disk(f"{self.folder}/disk.img", self.disk_mib * MIB), maps]
 
 
@@ -257,7 +257,7 @@ class Faults(OnTrak):
 
     def disks(self):
         tight = make_disk(f"{self.folder}/tight.img", 8 * MIB)
-        tool("mke2fs", "-q", "-F", "-t", "ext4", tight)
+        tool("mke2fs", "-q", "-F", "-t", self.kernel.own_fs, tight)
         return [*super().disks(), tight]
 
 

@@ -4,6 +4,7 @@
 import contextlib
 import io
 import os
+import struct
 import subprocess
 import tempfile
 import unittest
@@ -12,9 +13,11 @@ import unittest.mock
 import vm
 import vm_initramfs
 import vm_kernels
+import vm_old_kernel
 import vm_suites
+import vm_tree
 from vm_machine import faults_in
-from vm_report import Report
+from vm_report import CannotRun, Report
 
 LOG = "[    1.0] usual\n[    2.0] %s\n[    2.1] RIP: 0010:somewhere\n"
 
@@ -31,6 +34,46 @@ def report_of(*lines, ci=None):
             os.environ.pop("CI", None)
             if before is not None:
                 os.environ["CI"] = before
+
+
+def program_of(code):
+    """An ELF file of one code segment, with room behind it."""
+    head = b"\x7fELF\x02\x01\x01".ljust(16, b"\0") + struct.pack(
+        "<HHIQQQIHHHHHH", 2, 62, 1, 0, 64, 0, 0, 64, 56, 1, 0, 0, 0)
+    segment = struct.pack("<IIQQQQQQ", 1, 5, 0, 0, 0, 120 + len(code), 120 + len(code), 4096)
+    return (head + segment + code).ljust(4096, b"\0")
+
+
+class OldKernels(unittest.TestCase):
+    def test_releases_before_2_6_39_are_old(self):
+        self.assertTrue(vm_old_kernel.is_old("2.6.32.69"))
+        for release in ("2.6.39", "3.0.0-1", "6.1.0-56-amd64", "6.12.10+deb12-amd64"):
+            self.assertFalse(vm_old_kernel.is_old(release))
+
+    def test_every_call_takes_the_way_that_old_kernels_know(self):
+        call = vm_old_kernel.CALL
+        code = b"\x90" * 5 + call + b"\xc3" + call + b"\xc3"
+        before = program_of(code)
+        after = vm_old_kernel.for_old_kernel(before)
+        self.assertEqual(len(after), len(before))
+        self.assertNotIn(call, after[:120 + len(code)])
+        for at in (125, 133):
+            self.assertEqual(after[at], 0xe8)
+            to = at + 5 + struct.unpack_from("<i", after, at + 1)[0]
+            self.assertEqual(after[to:to + len(vm_old_kernel.DETOUR)], vm_old_kernel.DETOUR)
+        self.assertEqual(struct.unpack_from("<Q", after, 64 + 32)[0],
+                         120 + len(code) + len(vm_old_kernel.DETOUR))
+
+    def test_what_has_no_such_call_stays_and_what_has_no_room_is_refused(self):
+        for data in (b"#!/bin/sh\n", program_of(b"\xc3")):
+            self.assertEqual(vm_old_kernel.for_old_kernel(data), data)
+        with self.assertRaises(ValueError):
+            vm_old_kernel.for_old_kernel(program_of(vm_old_kernel.CALL.ljust(4096 - 120, b"\x90")))
+
+    def test_a_folder_that_is_no_built_tree_is_refused_with_the_reason(self):
+        with tempfile.TemporaryDirectory() as folder:
+            with self.assertRaisesRegex(CannotRun, "is no built kernel tree"):
+                vm_tree.Tree(folder)
 
 
 class Reports(unittest.TestCase):

@@ -3,6 +3,6 @@
 #ifndef TRAK_OS_LINUX_FREESTANDING_STDARG_H
 #define TRAK_OS_LINUX_FREESTANDING_STDARG_H
 
-#include <linux/stdarg.h>
+#include <compat_stdarg.h>
 
 #endif

@@ -50,40 +50,6 @@ static void pages_are_added_until_there_is_no_room(void) {
     os_free_page(page);
 }
 
-static void flags_come_back_as_they_were_set(void) {
-    static const uint32_t flags[] = {
-        0,
-        OS_BIO_WRITE,
-        OS_BIO_WRITE | OS_BIO_FUA,
-        OS_BIO_WRITE | OS_BIO_FLUSH | OS_BIO_FUA,
-        OS_BIO_WRITE | OS_BIO_DISCARD,
-        OS_BIO_WRITE | OS_BIO_ZEROES,
-    };
-    struct os_bio *bio = os_bio_alloc(OS_GFP_KERNEL, 1);
-    size_t i;
-
-    ASSERT(bio);
-    for (i = 0; i < ARRAY_SIZE(flags); i++) {
-        os_bio_set_rw(bio, flags[i]);
-        EXPECT(os_bio_rw(bio) == flags[i]);
-    }
-    os_bio_put(bio);
-}
-
-static void requests_without_data_have_no_pieces(void) {
-    struct bio *bio = bio_alloc(NULL, 0, REQ_OP_DISCARD, GFP_KERNEL);
-
-    bio->bi_iter.bi_size = 1 << 20;
-    EXPECT(os_bio_vcnt((struct os_bio *)bio) == 0);
-    EXPECT(os_bio_size((struct os_bio *)bio) == 1 << 20);
-    EXPECT(os_bio_rw((struct os_bio *)bio) == (OS_BIO_WRITE | OS_BIO_DISCARD));
-    bio->bi_opf = REQ_OP_SECURE_ERASE;
-    EXPECT(os_bio_rw((struct os_bio *)bio) == (OS_BIO_WRITE | OS_BIO_DISCARD));
-    bio->bi_opf = REQ_OP_WRITE_ZEROES | REQ_FUA;
-    EXPECT(os_bio_rw((struct os_bio *)bio) == (OS_BIO_WRITE | OS_BIO_ZEROES | OS_BIO_FUA));
-    bio_put(bio);
-}
-
 static void a_clone_shares_pages_and_has_its_own_end(void) {
     struct os_page *page = os_alloc_page(OS_GFP_KERNEL);
     struct os_bio *bio = os_bio_alloc(OS_GFP_KERNEL, 1);
@@ -141,115 +107,11 @@ static void a_bio_ends_and_goes_in_interrupt_context(void) {
     EXPECT(ended == 1 && end_error == -EIO);
 }
 
-/* The kernel's own bio over four pages in one vector, from byte 512 on. */
-static struct bio *bio_of_many_pages(struct page *pages) {
-    struct bio *bio = bio_alloc(NULL, 1, REQ_OP_READ, GFP_KERNEL);
-
-    EXPECT(bio_add_page(bio, pages, 3 * PAGE_SIZE + 512, 512) == 3 * PAGE_SIZE + 512);
-    EXPECT(bio->bi_vcnt == 1);
-    return bio;
-}
-
-static void a_vector_of_many_pages_is_seen_page_by_page(void) {
-    struct page *pages = alloc_pages(GFP_KERNEL | __GFP_COMP, 2);
-    struct bio *bio;
-    struct os_bio *b;
-    uint32_t i, sum = 0;
-
-    ASSERT(pages);
-    bio = bio_of_many_pages(pages);
-    b = (struct os_bio *)bio;
-    EXPECT(os_bio_vcnt(b) == 4);
-    for (i = 0; i < os_bio_vcnt(b); i++) {
-        const struct os_bio_vec vec = os_bio_vec_at(b, i);
-
-        EXPECT((struct page *)vec.page == pages + i);
-        EXPECT(vec.offset == (i == 0 ? 512 : 0));
-        EXPECT(vec.len == (i == 0 ? PAGE_SIZE - 512 : i == 3 ? 1024 : PAGE_SIZE));
-        sum += vec.len;
-    }
-    EXPECT(sum == os_bio_size(b));
-    bio_put(bio);
-    __free_pages(pages, 2);
-}
-
-static void a_bio_that_was_split_shows_the_pieces_that_are_left(void) {
-    struct page *pages = alloc_pages(GFP_KERNEL | __GFP_COMP, 2);
-    struct bio *bio;
-    struct os_bio_vec vec;
-
-    ASSERT(pages);
-    bio = bio_of_many_pages(pages);
-    bio_advance(bio, PAGE_SIZE); /* to byte 512 of the second page */
-    EXPECT(os_bio_sector((struct os_bio *)bio) == PAGE_SIZE >> OS_SECTOR_SHIFT);
-    EXPECT(os_bio_vcnt((struct os_bio *)bio) == 3);
-    vec = os_bio_vec_at((struct os_bio *)bio, 0);
-    EXPECT((struct page *)vec.page == pages + 1 && vec.offset == 512);
-    EXPECT(vec.len == PAGE_SIZE - 512);
-    bio->bi_iter.bi_size = PAGE_SIZE; /* the rest belongs to another part */
-    EXPECT(os_bio_vcnt((struct os_bio *)bio) == 2);
-    vec = os_bio_vec_at((struct os_bio *)bio, 1);
-    EXPECT((struct page *)vec.page == pages + 2 && vec.offset == 0 && vec.len == 512);
-    bio_put(bio);
-    __free_pages(pages, 2);
-}
-
-static int kernel_ended;
-
-static void note_kernel_end(struct bio *bio) {
-    kernel_ended++;
-}
-
-static void a_submitters_bio_is_lent_and_given_back(void) {
-    struct bio *bio = bio_alloc(NULL, 1, REQ_OP_READ, GFP_KERNEL);
-    struct os_bio *b = (struct os_bio *)bio;
-    os_bio_end_io_fn end;
-    void *data;
-
-    kernel_ended = ended = 0;
-    bio->bi_end_io = note_kernel_end;
-    bio->bi_private = &kernel_ended;
-    end = os_bio_end_io(b);
-    data = os_bio_private(b);
-    EXPECT(end && data == &kernel_ended);
-    os_bio_set_end_io(b, note_end);
-    os_bio_set_private(b, &ended);
-    EXPECT(os_bio_end_io(b) == note_end && os_bio_private(b) == &ended);
-    os_bio_endio(b, -EIO);
-    EXPECT(ended == 1 && end_error == -EIO && kernel_ended == 0);
-    os_bio_set_end_io(b, end);
-    os_bio_set_private(b, data);
-    EXPECT(bio->bi_end_io == note_kernel_end && bio->bi_private == &kernel_ended);
-    end(b, -EIO);
-    EXPECT(kernel_ended == 1 && bio->bi_status == BLK_STS_IOERR && ended == 1);
-    bio_put(bio);
-}
-
-static void the_error_of_a_part_outlives_the_success_of_the_rest(void) {
-    struct bio *rest = bio_alloc(NULL, 1, REQ_OP_READ, GFP_KERNEL);
-    struct bio *part = bio_alloc(NULL, 1, REQ_OP_READ, GFP_KERNEL);
-
-    kernel_ended = 0;
-    rest->bi_end_io = note_kernel_end;
-    bio_chain(part, rest);
-    os_bio_endio((struct os_bio *)part, -EIO);
-    EXPECT(kernel_ended == 0);
-    os_bio_endio((struct os_bio *)rest, 0);
-    EXPECT(kernel_ended == 1 && rest->bi_status == BLK_STS_IOERR);
-    bio_put(rest);
-}
-
 const struct contract_test bio_tests[] = {
     CONTRACT(bio, a_new_bio_is_empty_and_aims_nowhere),
     CONTRACT(bio, pages_are_added_until_there_is_no_room),
-    CONTRACT(bio, flags_come_back_as_they_were_set),
-    CONTRACT(bio, requests_without_data_have_no_pieces),
     CONTRACT(bio, a_clone_shares_pages_and_has_its_own_end),
     CONTRACT(bio, an_ended_bio_is_as_new_after_a_reset),
     CONTRACT(bio, a_bio_ends_and_goes_in_interrupt_context),
-    CONTRACT(bio, a_vector_of_many_pages_is_seen_page_by_page),
-    CONTRACT(bio, a_bio_that_was_split_shows_the_pieces_that_are_left),
-    CONTRACT(bio, a_submitters_bio_is_lent_and_given_back),
-    CONTRACT(bio, the_error_of_a_part_outlives_the_success_of_the_rest),
     {},
 };

@@ -11,6 +11,8 @@
 #include <linux/kernel.h>
 #include <linux/string.h>
 
+#include <compat_contract.h>
+
 #include "os/lock.h"
 #include "os/uaccess.h"
 
@@ -21,8 +23,8 @@ struct contract_test {
 
 /* Each file's tests, ended by an empty one. */
 extern const struct contract_test bio_tests[], chardev_tests[], disk_tests[], file_tests[],
-    lock_tests[], log_tests[], memory_tests[], path_tests[], proc_tests[], task_tests[],
-    uaccess_tests[], wait_tests[];
+    lock_tests[], log_tests[], memory_tests[], path_tests[], proc_tests[], request_tests[],
+    task_tests[], uaccess_tests[], wait_tests[];
 
 #define CONTRACT(unit, what)                                                                       \
     { "contract." #unit "." #what, what }
@@ -56,6 +58,10 @@ os_uaddr contract_user_page(void);
 
 /* Closes a file for good before it returns, which a process would do on its way out of the kernel. */
 void contract_close(struct file *file);
+
+/* The kernel's log from its end on; whether a line of this level with this text has been added. */
+struct file *contract_log_open(void);
+bool contract_log_has(struct file *kmsg, int level, const char *text);
 
 /* Reads and writes as a process does: through its own memory, in pieces of `piece` bytes at most. */
 ssize_t contract_read(struct file *file, char *text, size_t size, size_t piece);

@@ -3,7 +3,6 @@
 #include "os/disk.h"
 
 #include <linux/blkdev.h>
-#include <linux/sched.h>
 
 #include <compat_bdev.h>
 
@@ -115,31 +114,6 @@ no_two:
     memory_disk_remove(&one);
 }
 
-/* As many pieces as a bio can have, of one page again and again. */
-static void a_request_beyond_the_limits_comes_in_parts(void) {
-    struct os_page *page = os_alloc_page(OS_GFP_KERNEL);
-    struct os_bio *bio = os_bio_alloc(OS_GFP_KERNEL, BIO_MAX_VECS);
-    struct os_bdev *bdev;
-
-    ASSERT(page && bio && memory_disk_make(&one, "trakone"));
-    bdev = os_open_by_devnum(one.dev, both);
-    if (EXPECT(!os_is_err(bdev))) {
-        const uint32_t most = queue_max_bytes(real_disk(one.disk)->queue);
-
-        while (os_bio_add_page(bio, page, OS_PAGE_SIZE, 0))
-            ;
-        EXPECT(os_bio_size(bio) == BIO_MAX_VECS * OS_PAGE_SIZE);
-        os_bio_set_bdev(bio, bdev);
-        EXPECT(contract_submit(bio, 0) == 0 && os_bio_uptodate(bio));
-        EXPECT(one.total == BIO_MAX_VECS * OS_PAGE_SIZE && one.largest <= most);
-        EXPECT(one.requests > 1);
-        os_blkdev_put(bdev, both);
-    }
-    memory_disk_remove(&one);
-    os_bio_put(bio);
-    os_free_page(page);
-}
-
 static void a_disk_that_is_opened_for_writing_is_claimed(void) {
     static char somebody[] = "somebody";
     struct block_device *other = NULL;
@@ -181,29 +155,12 @@ static void a_device_without_a_file_system_freezes_to_nothing(void) {
     memory_disk_remove(&one);
 }
 
-static void unplug_runs_the_drivers_function_or_empties_the_tasks_plug(void) {
-    struct blk_plug plug;
-
-    ASSERT(memory_disk_make(&one, "trakone"));
-    os_queue_unplug(NULL);
-    os_queue_unplug(one.queue);
-    EXPECT(one.unplugs == 1);
-    blk_start_plug(&plug);
-    os_queue_unplug(foreign_queue(real_disk(one.disk)));
-    EXPECT(one.unplugs == 1 && current->plug == &plug);
-    blk_finish_plug(&plug);
-    EXPECT(!current->plug);
-    memory_disk_remove(&one);
-}
-
 const struct contract_test disk_tests[] = {
     CONTRACT(disk, opens_and_releases_reach_the_driver_and_are_counted),
     CONTRACT(disk, the_drivers_error_reaches_who_opens),
     CONTRACT(disk, a_disk_that_was_never_added_is_given_back),
     CONTRACT(disk, a_stacked_disk_passes_requests_through),
-    CONTRACT(disk, a_request_beyond_the_limits_comes_in_parts),
     CONTRACT(disk, a_disk_that_is_opened_for_writing_is_claimed),
     CONTRACT(disk, a_device_without_a_file_system_freezes_to_nothing),
-    CONTRACT(disk, unplug_runs_the_drivers_function_or_empties_the_tasks_plug),
     {},
 };

@@ -10,6 +10,7 @@
 enum { THREADS = 4, ROUNDS = 20000 };
 
 static const struct os_lock_class some_class = {.name = "contract", .rank = 1};
+static const struct os_lock_class inner_class = {"contract inner", 2};
 
 static struct {
     struct os_spinlock lock;
@@ -53,7 +54,7 @@ static void irqsave_keeps_interrupts_off_until_restored(void) {
     unsigned long flags, more;
 
     os_spin_lock_init(&outer, &some_class);
-    os_spin_lock_init(&inner, &some_class);
+    os_spin_lock_init(&inner, &inner_class);
     EXPECT(!irqs_disabled());
     flags = os_spin_lock_irqsave(&outer);
     EXPECT(irqs_disabled());

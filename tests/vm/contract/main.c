@@ -2,14 +2,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include <linux/init.h>
 #include <linux/module.h>
-#include <linux/printk.h>
 
 #include "os/linux/block.h"
 #include "tests/vm/contract/contract.h"
 
 static const struct contract_test *const suites[] = {
-    lock_tests, wait_tests, task_tests, memory_tests,  log_tests, uaccess_tests,
-    file_tests, path_tests, proc_tests, chardev_tests, bio_tests, disk_tests,
+    lock_tests, wait_tests, task_tests,    memory_tests, log_tests,  uaccess_tests, file_tests,
+    path_tests, proc_tests, chardev_tests, bio_tests,    disk_tests, request_tests,
 };
 
 static char failure[200]; /* the first of the running test; empty while it holds */

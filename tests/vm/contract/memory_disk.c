@@ -2,7 +2,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "tests/vm/contract/memory_disk.h"
 
-#include <linux/minmax.h>
 #include <linux/vmalloc.h>
 
 #include "os/linux/block.h"

@@ -3,7 +3,6 @@
 #include "os/wait.h"
 
 #include <linux/sched.h>
-#include <linux/sched/signal.h>
 
 #include "os/task.h"
 #include "tests/vm/contract/contract.h"
@@ -34,10 +33,10 @@ static void finish_leaves_the_task_running_and_the_queue_empty(void) {
     os_init_wait_entry(&entry);
     os_prepare_to_wait(&head, &entry, OS_WAIT_INTERRUPTIBLE);
     os_prepare_to_wait(&head, &entry, OS_WAIT_INTERRUPTIBLE);
-    EXPECT(!list_empty(&real->head) && list_is_singular(&real->head));
+    EXPECT(!list_empty(waiters_of(real)) && list_is_singular(waiters_of(real)));
     os_finish_wait(&head, &entry);
     EXPECT(task_is_running(current));
-    EXPECT(list_empty(&real->head));
+    EXPECT(list_empty(waiters_of(real)));
 }
 
 static int go, woken;
@@ -56,7 +55,7 @@ static void wait_for_go(void *arg) {
 }
 
 static bool three_wait(void *arg) {
-    const struct list_head *waiters = &((wait_queue_head_t *)&head)->head;
+    const struct list_head *waiters = waiters_of((wait_queue_head_t *)&head);
 
     return waiters->next != waiters && waiters->next->next != waiters &&
            waiters->next->next->next != waiters;

@@ -46,7 +46,7 @@ image_is() { vm_tool hash /dev/trak/trak1 4096 /tmp/shown && cmp /tmp/before /tm
 cow_full() {
   mount_maps
   mkdir -p /mnt/cow
-  mount -t ext4 "$(disk 2)" /mnt/cow
+  mount -t "$own_fs" "$(disk 2)" /mnt/cow
   load
   add_filter 64K
   trakctl bitmap clear 0 incr
@@ -109,7 +109,7 @@ cow_disk_fails() {
   mount_maps
   map cow "$(disk 2)" linear
   mkdir -p /mnt/cow
-  mount -t ext4 "$(mapped cow)" /mnt/cow
+  mount -t "$own_fs" "$(mapped cow)" /mnt/cow
   load
   add_filter 64K
   add_snap 1 4K /mnt/cow

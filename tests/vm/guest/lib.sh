@@ -84,10 +84,13 @@ eventually() {
 disk() {
   local dir
   for dir in /sys/block/vd*; do
-    if [ "$(cat "$dir/serial")" = "disk$1" ]; then
+    if [ "$(cat "$dir/serial" 2>/dev/null)" = "disk$1" ]; then
       echo "/dev/${dir##*/}"
       return
     fi
   done
-  fail "there is no disk $1"
+  # A kernel that doesn't tell the serial number has named them in order.
+  set -- "/dev/vd$(echo abcdefghijklmnop | cut -c $(($1 + 1)))" "$1"
+  if [ ! -b "$1" ] || [ -e "/sys/block/${1#/dev/}/serial" ]; then fail "there is no disk $2"; fi
+  echo "$1"
 }

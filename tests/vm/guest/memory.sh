@@ -21,7 +21,7 @@ eat_all_but() {
 true_or_given_up() {
   if [ "$(info "$1" valid)" = true ]; then
     mkdir -p "/mnt/snap$1"
-    mount -t ext4 -o ro,noload "/dev/trak/trak$1" "/mnt/snap$1"
+    mount -t "$own_fs" -o ro,noload "/dev/trak/trak$1" "/mnt/snap$1"
     vm_tool sums "/mnt/snap$1/tree" >/tmp/shown
     umount "/mnt/snap$1"
     cmp /tmp/shown "$2"
@@ -37,10 +37,10 @@ pressure() {
   local writers='' n=0
   mount_maps
   load
-  mkfs.ext4 -q -F "$(disk 0)"
+  "mkfs.$own_fs" -q -F "$(disk 0)"
   add_filter 64K
   mkdir -p /mnt/node
-  mount -t ext4 /dev/trak/trak0 /mnt/node
+  mount -t "$own_fs" /dev/trak/trak0 /mnt/node
   mkdir /mnt/node/tree /mnt/node/a /mnt/node/b
   vm_tool age /mnt/node/tree 1 300 9000
   vm_tool sums /mnt/node/tree >/tmp/sums
@@ -70,7 +70,7 @@ pressure() {
   for pid in $writers; do wait "$pid"; done
   wait $eater || echo "the eater was ended: $?"
   umount /mnt/node
-  fsck.ext4 -f -n /dev/trak/trak0
+  "fsck.$own_fs" -f -n /dev/trak/trak0
   cat /tmp/tally
   # Giving up each of them would be an easy way out.
   grep -q true /tmp/tally

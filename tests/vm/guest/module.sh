@@ -93,10 +93,10 @@ unload_takes_nodes_along() {
 mounted_refused() {
   mount_maps
   load
-  mkfs.ext4 -q -F "$(disk 0)" 60M
+  "mkfs.$own_fs" -q -F "$(disk 0)" 60M
   add_filter 64K
   mkdir -p /mnt/node
-  mount -t ext4 /dev/trak/trak0 /mnt/node
+  mount -t "$own_fs" /dev/trak/trak0 /mnt/node
   refuse trakctl delete 0
   refuse trakctl stop 0
   refuse rmmod trak
@@ -110,19 +110,19 @@ mounted_refused() {
   refuse trakctl add-filter --disk "$(disk 1)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 3
   umount /mnt/node
   # Neither do bitmaps lie there: the disk has a filter already, and one of another disk would.
-  fsck.ext4 -f -n "$(disk 0)"
+  "fsck.$own_fs" -f -n "$(disk 0)"
 }
 
 # A bitmap that would be written through its own node is not written at all.
 own_bitmaps_refused() {
   mount_maps
   load
-  mkfs.ext4 -q -F "$(disk 0)" 60M
+  "mkfs.$own_fs" -q -F "$(disk 0)" 60M
   mkdir -p /mnt/node/bmp
   trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/node/bmp --minor 0
   trakctl start 0
   eventually test -b /dev/trak/trak0
-  mount -t ext4 /dev/trak/trak0 /mnt/node
+  mount -t "$own_fs" /dev/trak/trak0 /mnt/node
   mkdir /mnt/node/bmp
   refuse trakctl bitmap save 0 incr
   refuse trakctl bitmap save 0 diff
@@ -145,7 +145,7 @@ disk_claimed() {
   refuse trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/maps --minor 5
   refuse trakctl add-filter --disk "$(disk 1)" --extent-size 64K --bmp-dir /mnt/maps --minor 5
   mke2fs -F -b 4096 /dev/trak/trak0
-  refuse mount -t ext4 "$(disk 0)" /mnt
+  refuse mount_ext2 "$(disk 0)" /mnt
   refuse dd if=/dev/zero of=/dev/trak/trak1 bs=4k count=1
   dd if="$(disk 0)" of=/dev/null bs=4k count=4
 }
@@ -157,7 +157,7 @@ disk_gone() {
   add_filter 64K
   mke2fs -F -b 4096 /dev/trak/trak0
   mkdir -p /mnt/gone
-  mount -t ext4 /dev/trak/trak0 /mnt/gone
+  mount_ext2 /dev/trak/trak0 /mnt/gone
   dd if=/dev/urandom of=/mnt/gone/file bs=64k count=16 conv=fsync
   add_snap 1 64K
   trakctl start 1

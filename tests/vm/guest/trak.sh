@@ -2,7 +2,14 @@
 # SPDX-License-Identifier: GPL-2.0-only
 # shellcheck shell=dash
 # Sourced by the suites that use the module. Disk 0 is the one that is filtered, disk 1 holds bitmap
-# files and COW files (ext4).
+# files and COW files.
+
+# What the suites' own file systems are of in this kernel: ext3 or ext4.
+read -r own_fs </etc/own_fs
+# mount_ext2 DISK FOLDER: a file system of mke2fs without options.
+mount_ext2() {
+  if [ "$own_fs" = ext4 ]; then mount -t ext4 "$1" "$2"; else mount -t ext2 "$1" "$2"; fi
+}
 
 # The driver puts the nodes' files into /dev/trak, which trakctl makes.
 load() { insmod /lib/modules/trak.ko; }
@@ -23,7 +30,7 @@ nothing_left() {
 }
 
 # thread NAME: there is a kernel thread whose name begins so.
-thread() { cat /proc/[0-9]*/comm 2>/dev/null | grep -q "^$1"; }
+thread() { cat /proc/[0-9]*/stat 2>/dev/null | grep -q "^[0-9]* ($1"; }
 
 # A reference is put a moment after the close that the user saw.
 unload() {
@@ -34,7 +41,7 @@ unload() {
 
 mount_maps() {
   mkdir -p /mnt/maps
-  mount -t ext4 "$(disk 1)" /mnt/maps
+  mount -t "$own_fs" "$(disk 1)" /mnt/maps
 }
 
 # add_filter EXTENT_SIZE [DISK]: node 0 over a disk, disk 0 if none is named; started.

@@ -22,6 +22,21 @@ static inline void compat_bdev_close(struct block_device *bdev, compat_opened ho
     blkdev_put(bdev, how);
 }
 
+static inline u64 compat_bdev_bytes(struct block_device *bdev) {
+    return bdev_nr_bytes(bdev);
+}
+
+static inline unsigned int compat_bdev_openers(struct block_device *bdev) {
+    return atomic_read(&bdev->bd_openers);
+}
+
+static inline int compat_bdev_ioctl(struct block_device *bdev, uint32_t mode, unsigned int cmd,
+                                    unsigned long arg) {
+    const struct block_device_operations *ops = bdev->bd_disk->fops;
+
+    return ops->ioctl ? ops->ioctl(bdev, (__force compat_mode)mode, cmd, arg) : 0;
+}
+
 static inline bool compat_bdev_mounted(struct block_device *bdev) {
     return READ_ONCE(bdev->bd_super) != NULL;
 }

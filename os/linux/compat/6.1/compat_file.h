@@ -13,4 +13,7 @@
 #define compat_start_write(file) file_start_write(file)
 #define compat_end_write(file) file_end_write(file)
 
+#include "os/linux/file_io.h"
+#include "os/linux/folder.h"
+
 #endif

@@ -13,4 +13,7 @@
 #define compat_start_write(file) ((void)(file))
 #define compat_end_write(file) ((void)(file))
 
+#include "os/linux/file_io.h"
+#include "os/linux/folder.h"
+
 #endif

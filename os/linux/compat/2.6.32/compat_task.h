@@ -1,0 +1,27 @@
+// os/linux/compat/2.6.32/compat_task.h: tasks and wait queues of kernel 2.6.32
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_COMPAT_TASK_H
+#define TRAK_COMPAT_TASK_H
+
+#include <linux/hardirq.h>
+#include <linux/kernel.h>
+#include <linux/kthread.h>
+#include <linux/sched.h>
+#include <linux/utsrelease.h>
+#include <linux/wait.h>
+
+typedef wait_queue_t compat_wait_entry;
+
+/* Asleep, but neither load nor hung. No signal reaches a thread that kthread_create made. */
+#define COMPAT_TASK_IDLE TASK_INTERRUPTIBLE
+
+/* The calling thread stands in the way of writes, to its end: what it writes is not throttled with the
+ * rest. This kernel has no mark for a thread whose allocations start no I/O: the files that the driver
+ * opens are marked so (compat_file.h). */
+static inline void compat_thread_writes(void) {
+    current->flags |= PF_LESS_THROTTLE;
+}
+
+#define compat_complete_and_exit(completion, code) complete_and_exit(completion, code)
+
+#endif

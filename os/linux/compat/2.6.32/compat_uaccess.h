@@ -1,0 +1,10 @@
+// os/linux/compat/2.6.32/compat_uaccess.h: memory of processes, in kernel 2.6.32
+// SPDX-License-Identifier: GPL-2.0-only
+#ifndef TRAK_COMPAT_UACCESS_H
+#define TRAK_COMPAT_UACCESS_H
+
+#include <linux/uaccess.h>
+
+#define compat_access_ok(addr, size) access_ok(VERIFY_WRITE, addr, size)
+
+#endif
