@@ -5,6 +5,7 @@
 #include "agent/backup.h"
 #include "agent/list.h"
 #include "agent/prune.h"
+#include "agent/report.h"
 #include "agent/request.h"
 #include "agent/restore.h"
 #include "agent/verify.h"
@@ -77,6 +78,10 @@ int dispatch(const Request &r, const World &world, Events &events) {
         return with_driver(r, world, events);
     case Verb::verify:
         return verify(*qemu_tool(), events, {r.store, r.quick});
+    case Verb::report: {
+        ReportOptions options = {r.store, r.to, r.last, r.force};
+        return make_report(events, options);
+    }
     case Verb::prune:
         return prune(*qemu_tool(), events, {r.store, r.keep_count, r.keep_days, r.dry_run});
     }

@@ -99,6 +99,14 @@ void add_others(CLI::App &app, Request &request) {
         ->check(CLI::PositiveNumber)
         ->type_name("N");
     prune->add_flag("--dry-run", request.dry_run, "say what would go");
+    auto *report = add_verb(app, request, Verb::report, "report",
+                            "write a page for a browser: the chain, what changed, what it cost");
+    add_store(*report, request);
+    report->add_option("--to", request.to, "the page's file")->required()->type_name("FILE");
+    report->add_option("--last", request.last, "the newest N one by one (default: 60)")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{1000}))
+        ->type_name("N");
+    report->add_flag("--force", request.force, "overwrite a file that is no report");
 }
 
 std::string one_line(std::string text) {

@@ -2,15 +2,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "agent/list.h"
 
-#include "agent/store.h"
-
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 namespace agent {
-namespace {
 
-// What keeps a backup from being restored, or empty.
 std::string fault_of(const Store &store, const Manifest &manifest) {
     try {
         for (const Manifest *part : store.chain(manifest.id))
@@ -21,6 +17,8 @@ std::string fault_of(const Store &store, const Manifest &manifest) {
     }
     return "";
 }
+
+namespace {
 
 void list_one(Events &events, const Manifest &m, const std::string &fault) {
     nlohmann::json fields = nlohmann::json::parse(manifest_text(m));

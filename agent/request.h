@@ -8,7 +8,7 @@
 
 namespace agent {
 
-enum class Verb { full, incr, diff, list, restore, verify, audit, prune, steps };
+enum class Verb { full, incr, diff, list, restore, verify, audit, prune, report, steps };
 
 struct Request {
     Verb verb = Verb::list;
@@ -20,6 +20,7 @@ struct Request {
     int64_t audit_sample = -1;
     bool no_full = false, force = false, keep_going = false, all = false, quick = false;
     bool dry_run = false;
+    uint64_t last = 60;                      // report
     uint64_t keep_count = 0, keep_days = 0;  // prune; 0: not given
     std::string stop_at, kill_at;
 };

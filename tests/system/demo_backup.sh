@@ -105,6 +105,10 @@ the_sizes() {
   step "What the backups cost"
   do_ trak-backup list --store "$dir/store" >"$dir/said"
   python3 "$here/demo_backup.py" table "$dir/store" "${points[@]}" | show
+  do_ trak-backup verify --store "$dir/store" |& show
+  do_ trak-backup report --store "$dir/store" --to "$dir/report.html" | show
+  [ "$(grep -c '<svg class="map"' "$dir/report.html")" = ${#points[@]} ] ||
+    fail "the report lacks a map"
 }
 
 the_backups() {
