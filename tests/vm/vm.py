@@ -135,8 +135,8 @@ class FalseStart(Exception):
 
 def false_start(console):
     """The kernel rewrites its code while another processor runs it, by way of a breakpoint. Without
-    hardware help QEMU shows a processor that breakpoint too late, once in some hundred starts on a busy
-    host, and the kernel knows of none then. Nothing of ours is in memory at that time."""
+    hardware help QEMU may show a processor that breakpoint too late (seen on a busy host), and the kernel
+    knows of none then. Nothing of ours is in memory at that time."""
     return re.search(r"Oops: int3|\bint3: 0000 ", console) is not None
 
 

@@ -191,7 +191,7 @@ class Control(OnTrak):
         return [*super().disks(), make_disk(f"{self.folder}/hostile.img", 64 * MIB), ext2]
 
     def files(self, initramfs):
-        initramfs.put("etc/calls", b"20000\n" if self.long else b"1500\n")
+        initramfs.put("etc/calls", b"8000\n" if self.long else b"1500\n")
 
 
 class Fs(OnTrak):

@@ -63,14 +63,19 @@ cow_full() {
   trakctl delete 1
 }
 
-# Errors of the disk are the writer's; the filter goes on when the disk does.
-disk_fails() {
+# A started filter over disk 0, whose table can be changed under it.
+filter_mapped() {
   mount_maps
   map below "$(disk 0)" linear
   load
   mkdir -p /mnt/maps/bmp
   trakctl add-filter --disk "$(mapped below)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 0
   trakctl start 0
+}
+
+# Errors of the disk are the writer's; the filter goes on when the disk does.
+disk_fails() {
+  filter_mapped
   put 0 16
   becomes below "$(disk 0)" "$1"
   refuse put 4 4
@@ -82,12 +87,7 @@ disk_fails() {
 
 # A chunk that can't be read can't be preserved: the image is given up or true, never wrong.
 disk_fails_under_snapshot() {
-  mount_maps
-  map below "$(disk 0)" linear
-  load
-  mkdir -p /mnt/maps/bmp
-  trakctl add-filter --disk "$(mapped below)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 0
-  trakctl start 0
+  filter_mapped
   put 0 64
   vm_tool hash /dev/trak/trak0 4096 /tmp/before
   add_snap 1 4K
