@@ -1,13 +1,14 @@
 # tests/system/backup_pressure_test.py: backups of disks that make it hard, and beside others' snapshots
 # SPDX-License-Identifier: GPL-2.0-only
+import json
 import os
 import random
 import threading
 
 from trak_abi import DIFF, GET, INCR, SET, marked
-from trak_backup import Disk
+from trak_backup import TRAK_BACKUP, Disk
 from trak_machine import MIB, SystemTest
-from trak_testing import check, main
+from trak_testing import check, main, run
 
 
 class Backups(SystemTest):
@@ -282,6 +283,80 @@ class Extents(SystemTest):
 
     def test_of_4_kib_under_chunks_of_1_mib(self):
         self.chain(6 * MIB + 3072, 4096, "--chunk-size", "1M")
+
+
+class Large(SystemTest):
+    """4 TiB with a file system in it: sparse on the host, and what it leaves free is not read."""
+
+    size, unit = 4 << 40, 1 << 20
+
+    def attach(self, image):
+        daemon = self.m.trakd(images={"d": image})
+        daemon.trakctl("add-filter", "--disk", "/dev/image/d", "--extent-size", str(self.unit),
+                       "--bmp-dir", self.m.folder("stores/maps"))
+        daemon.trakctl("start", "0")
+        return daemon
+
+    def backup(self, daemon, kind, store):
+        """The manifest. The agent has no more memory than 64 MiB besides its maps and its programs."""
+        said = run("python3", "-c", PEAK, TRAK_BACKUP, "--root", daemon.root, kind, "--disk", "0",
+                   "--store", store, "--cow-reserve", "16M", timeout=200)
+        peak = int(said.err.split()[-1]) << 10
+        self.assertLess(peak, 64 * MIB + 4 * (self.size // self.unit // 8) + 24 * MIB)
+        name = max(name for name in os.listdir(store) if name.endswith(f"-{kind}.json"))
+        with open(f"{store}/{name}", encoding="utf-8") as file:
+            return json.load(file)
+
+    def compare(self, one, other):
+        """Two sparse files, wherever either has data."""
+        with open(one, "rb") as a, open(other, "rb") as b:
+            for file in (a, b):
+                for at, size in data_of(file):
+                    for offset in range(at, at + size, MIB):
+                        count = min(MIB, at + size - offset)
+                        if os.pread(a.fileno(), count, offset) != os.pread(b.fileno(), count, offset):
+                            self.fail(f"they differ within {count} bytes at {offset}")
+
+    def test_a_disk_of_4_tib(self):
+        self.m.tell_watcher(f"{self.id()}|500")
+        image = self.m.image("d.img", self.size)
+        run("mkfs.xfs", "--unsupported", "-q", "-f", "-m", "crc=0,finobt=0", "-d", "agcount=8",
+            "-l", "size=64m", image)
+        self.m.volume("stores", 512 * MIB)
+        daemon, store = self.attach(image), self.m.path("stores/4t")
+        self.assertLess(self.backup(daemon, "full", store)["bytes"]["read"], 256 * MIB)
+        places = (3 << 40, self.size - 4096)
+        with open(daemon.node(), "r+b", buffering=0) as disk:
+            for at in places:
+                disk.seek(at)
+                disk.write(os.urandom(4096))
+        made = self.backup(daemon, "incr", store)
+        self.assertEqual(made["extents"]["copied"], len(places))
+        target = self.m.path("restored.img")
+        run(TRAK_BACKUP, "restore", "--store", store, "--to", target, timeout=400)
+        self.assertEqual(os.stat(target).st_size, self.size)
+        self.compare(image, target)
+
+
+def data_of(file):
+    """[(offset, size)] of what is no hole."""
+    found, at = [], 0
+    while True:
+        try:
+            at = os.lseek(file.fileno(), at, os.SEEK_DATA)
+        except OSError:
+            return found
+        end = os.lseek(file.fileno(), at, os.SEEK_HOLE)
+        found.append((at, end - at))
+        at = end
+
+
+# Runs a command, and says how many KiB it had at most.
+PEAK = """import os, sys
+pid = os.posix_spawn(sys.argv[1], sys.argv[1:], os.environ)
+_, status, used = os.wait4(pid, 0)
+print(used.ru_maxrss, file=sys.stderr)
+sys.exit(os.waitstatus_to_exitcode(status))"""
 
 
 if __name__ == "__main__":

@@ -54,7 +54,7 @@ def arguments():
 
 
 # Programs of the guest that are made here; the others are the host's.
-OURS = ("trakctl", "trakd", "caller32")
+OURS = ("trakctl", "trakd", "trak-backup", "caller32")
 
 
 class Deadline:
@@ -158,7 +158,7 @@ def boots(kernel, suite, disks, report, deadline, only):
         words = f"suite={suite.name} round={number} last={int(last)} watch={int(limit * 0.9)}"
         if only:
             words += f" only={only}"
-        cut_after = None if last else dice.uniform(0.2, 5)
+        cut_after = None if last else dice.uniform(*suite.cut_within)
         if not boot_again(lambda w=words, l=limit, c=cut_after: boot(
                 machine_of(kernel, suite, disks, w), suite, report, l, c)):
             return False

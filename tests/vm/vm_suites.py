@@ -53,6 +53,7 @@ class Suite:
     memory_mib = 1024
     limit = 1000          # seconds for one boot, on a machine ten times slower than yours
     cuts = 0              # boots that end with the power, before the one that ends in order
+    cut_within = (0.2, 5)  # seconds after the guest's line "cut" at which the power goes
     allowed = None        # lines of the kernel's log that are no fault here
 
     def __init__(self, folder, long):
@@ -367,5 +368,25 @@ class Power(OnTrak):
             report.fail(test, str(dict(self.tally)))
 
 
+class Backup(OnTrak):
+    """trak-backup stops at a named step, and the power goes; each boot is about the next step."""
+
+    name = "backup"
+    short = ()
+    about = "power cuts at each step of a backup, and what the next one restores to"
+    tools = (*OnTrak.tools, "trak-backup", "qemu-img", "qemu-nbd")
+    disk_mib, maps_mib, memory_mib = 8, 256, 1536
+    cut_within = (0, 0.5)
+
+    def files(self, initramfs):
+        steps = [line.split() for line in tool(f"{BIN}/trak-backup", "--list-steps").splitlines()]
+        points = [f"{kind} {words[0]}" for kind in ("incr", "full", "diff") for words in steps
+                  if kind in words[1:4]]
+        # Coprime with their number: few boots see steps of every part.
+        points = [points[n * 37 % len(points)] for n in range(len(points))]
+        self.cuts = len(points) if self.long else 4
+        initramfs.put("etc/points", "".join(f"{point}\n" for point in points).encode())
+
+
 SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Control, Requests, Fs,
-                                          User, Faults, Memory, Io, Power)}
+                                          User, Faults, Memory, Io, Power, Backup)}
