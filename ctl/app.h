@@ -81,6 +81,9 @@ trak_info_arg node_info(const App &app, uint32_t minor);
 std::vector<uint32_t> node_list(const App &app, uint32_t dev_type);
 // A Failure for a command of the driver that failed with rc.
 [[noreturn]] void fail(const App &app, int rc, const std::string &what);
+// Lets udev look at a node of the kernel module that was just started: when it was made there was
+// nothing to read yet. No harm where there is no udev.
+void announce(const App &app, uint32_t minor);
 uint32_t bitmap_type(const std::string &kind);  // "incr", "diff"
 
 // A bitmap that frees itself.

@@ -115,8 +115,10 @@ void attach(const App &app, const ConfDisk &d, Said &said) {
 void start_disk(const App &app, const ConfDisk &d, bool attached, Said &said) {
     char why[TRAK_WHY_SIZE];
     int rc = trak_start(app.t(), d.minor, why);
-    if (rc >= 0)
+    if (rc >= 0) {
+        announce(app, d.minor);
         return said.take(rc, why);
+    }
     std::string sentence = why;
     // A node that can't be started only keeps its disk from everybody else.
     if (attached && trak_detach(app.t(), d.minor, why) < 0)

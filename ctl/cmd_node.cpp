@@ -4,6 +4,7 @@
 #include "ctl/text.h"
 
 #include <cstring>
+#include <fstream>
 
 #include <fmt/format.h>
 
@@ -100,9 +101,17 @@ void add_snap(App &app) {
                                  size_text(arg.chunk_size)));
 }
 
+void announce(const App &app, uint32_t minor) {
+    if (strcmp(trak_root(app.t()), "/") != 0)
+        return;
+    // A file that isn't there is not made: the stream is for reading and writing.
+    std::fstream(fmt::format("/sys/class/block/trak{}/uevent", minor)) << "change\n";
+}
+
 void start(App &app) {
     Why why;
     int rc = why.checked(app, trak_start(app.t(), app.request.minor, why.text));
+    announce(app, app.request.minor);
     changed_state(app, rc, why, "started", true, "is started");
 }
 
