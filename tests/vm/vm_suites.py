@@ -11,6 +11,9 @@ from vm_report import CannotRun, note
 HERE = os.path.dirname(os.path.abspath(__file__))
 BIN = os.environ.get("TRAK_BIN_DIR") or os.path.join(HERE, "..", "..", "build", "bin")
 MIB = 1 << 20
+# XFS as kernel 2.6.32 knows it.
+OLD_XFS = ("-m crc=0,finobt=0,rmapbt=0,reflink=0,bigtime=0,inobtcount=0 -n ftype=0 "
+           "-i sparse=0,projid32bit=0")
 
 
 def make_disk(path, size):
@@ -120,7 +123,8 @@ class Aged(Suite):
         for name, kind, size, options, *_ in self.table():
             made.append(make_disk(self.path(name), size * MIB))
             if kind == "xfs":
-                tool("mkfs.xfs", "--unsupported", "-q", "-f", "-m", "crc=0,finobt=0",
+                kind_of = "-m crc=0,finobt=0" if self.kernel.own_fs == "ext4" else OLD_XFS
+                tool("mkfs.xfs", "--unsupported", "-q", "-f", *kind_of.split(),
                      *options.split(), made[-1])
             else:
                 tool("mkreiserfs", "-q", "-f", *options.split(), made[-1])
@@ -213,12 +217,28 @@ class Fs(OnTrak):
         ("reiserfs", "reiserfs", "mkreiserfs -q -f", "reiserfsck --check --yes", "ro"),
     )
 
+    # In kernels that know no more of them: ext3 is left out where the kernel's lock checker would, at its
+    # freeze, complain of the file system and switch itself off.
+    OLD_KINDS = (
+        ("ext2", "ext2", "mke2fs -q -F", "e2fsck -f -n", "ro"),
+        ("ext3", "ext3", "mke2fs -q -F -t ext3 -j", "e2fsck -f -n", "ro,noload"),
+        ("xfs-v4", "xfs", f"mkfs.xfs --unsupported -q -f {OLD_XFS}", "xfs_repair -n -f",
+         "ro,norecovery,nouuid"),
+        ("reiserfs", "reiserfs", "mkreiserfs -q -f", "reiserfsck --check --yes", "ro"),
+    )
+
+    def kinds(self):
+        if self.kernel.own_fs == "ext4":
+            return self.KINDS
+        return [row for row in self.OLD_KINDS
+                if row[0] != "ext3" or not self.kernel.has("PROVE_LOCKING")]
+
     def path(self, name):
         return f"{self.folder}/{name}.img"
 
     def disks(self):
         made = super().disks()
-        for name, _, make, *_ in self.KINDS:
+        for name, _, make, *_ in self.kinds():
             made.append(make_disk(self.path(name), 96 * MIB))
             tool(*make.split(), made[-1])
         return made
@@ -227,10 +247,10 @@ class Fs(OnTrak):
         initramfs.put("etc/scale", b"6\n" if self.long else b"1\n")
         initramfs.put("etc/fs", "".join(
             f"{number} {name} {kind} {options}\n"
-            for number, (name, kind, _, _, options) in enumerate(self.KINDS, 2)).encode())
+            for number, (name, kind, _, _, options) in enumerate(self.kinds(), 2)).encode())
 
     def check(self, report):
-        for name, _, _, check, _ in self.KINDS:
+        for name, _, _, check, _ in self.kinds():
             report_clean(report, f"{self.name}.{name}.is_clean_afterwards", *check.split(),
                          self.path(name))
 

@@ -8,10 +8,12 @@
 #include <linux/err.h>
 #include <linux/fs.h>
 
-/* What closing one needs to know. */
+/* What closing one needs to know. A disk that is pulled out takes its queue away from who has it open,
+ * but for a reference of ours: requests then find it dead, and fail. */
 typedef struct {
     fmode_t mode;
     bool claimed;
+    struct request_queue *queue; /* null for one that was dead before */
 } compat_opened;
 
 /* Claimed for the holder, or not claimed when that is null: 0 or a negative errno (-EBUSY: somebody
@@ -26,15 +28,22 @@ static inline int compat_bdev_open(dev_t dev, uint32_t mode, void *holder,
     if (IS_ERR(*bdev))
         return PTR_ERR(*bdev);
     rc = holder ? bd_claim(*bdev, holder) : 0;
-    if (rc != 0)
+    if (rc != 0) {
         blkdev_put(*bdev, how->mode);
-    return rc;
+        return rc;
+    }
+    how->queue = bdev_get_queue(*bdev);
+    if (blk_get_queue(how->queue) != 0)
+        how->queue = NULL;
+    return 0;
 }
 
 static inline void compat_bdev_close(struct block_device *bdev, compat_opened how) {
     if (how.claimed)
         bd_release(bdev);
     blkdev_put(bdev, how.mode);
+    if (how.queue)
+        blk_put_queue(how.queue);
 }
 
 static inline u64 compat_bdev_bytes(struct block_device *bdev) {

@@ -141,5 +141,6 @@ void os_queue_unplug(struct os_queue *queue) {
     if (!queue)
         return;
     submit_own_clones();
-    blk_unplug(real_queue(queue));
+    if (!test_bit(QUEUE_FLAG_DEAD, &real_queue(queue)->queue_flags))
+        blk_unplug(real_queue(queue));
 }
