@@ -4,9 +4,10 @@
 """run.py [--rounds N] [--seconds N] [--size MIB] [--only PART] [--filter REGEX] [--json FILE]
 
 Parts: io (node files beside the bare image and a peer), snap (the same under a snapshot), inproc
-(the request path without I/O), maps (data-block maps: maps.py). --filter takes the rows whose names
-it is found in. The contenders of a part take turns within each round, so that what else the machine
-does meets all of them; figures are medians of the rounds, ratios are of medians.
+(the request path without I/O), maps (data-block maps: maps.py), backup (trak-backup: backup.py). --filter
+takes the rows whose names it is found in. The contenders of a part take turns within each round, so
+that what else the machine does meets all of them; figures are medians of the rounds, ratios are of
+medians.
 """
 import argparse
 import json
@@ -22,6 +23,7 @@ import time
 from io_peers import (Bare, Qsd, QsdCbw, Trak, TrakSnap, TrakSnap4k, TrakStarting, fio,
                       longest_write, seconds_of, wait_for_quiet)
 
+import backup
 import maps
 from trak_machine import BIN, MIB, Machine
 from trak_testing import Failed, run
@@ -267,12 +269,15 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=4, help="for each load")
     parser.add_argument("--size", type=int, default=1024, help="MiB of the image")
-    parser.add_argument("--only", choices=("io", "snap", "inproc", "maps"))
+    parser.add_argument("--backup-size", type=int, default=4096, help="MiB of the disk of backups")
+    parser.add_argument("part", nargs="?", choices=("io", "snap", "inproc", "maps", "backup"))
+    parser.add_argument("--only", choices=("io", "snap", "inproc", "maps", "backup"))
     parser.add_argument("--filter", default="", help="rows whose names it is found in")
     parser.add_argument("--json", default="build/bench.json")
     options = parser.parse_args()
-    parts = [options.only] if options.only else ["io", "snap", "inproc", "maps"]
-    results, rows, built, left = {}, [], [], []
+    only = options.part or options.only
+    parts = [only] if only else ["io", "snap", "inproc", "maps", "backup"]
+    results, rows, built, left, backups = {}, [], [], [], {}
     machine = Machine()
     try:
         if "io" in parts or "snap" in parts:
@@ -286,6 +291,8 @@ def main():
             rows = inproc_part(options, machine)
         if "maps" in parts and re.search(options.filter, "maps"):
             built = maps.part(machine, options.rounds)
+        if "backup" in parts and re.search(options.filter, "backup"):
+            backups = backup.part(machine, min(options.rounds, 3), options.backup_size)
     finally:
         left = machine.close()
     print(f"\n{json.dumps(made_on())}\n")
@@ -295,8 +302,11 @@ def main():
         print(f"\n{inproc_table(rows)}")
     if built:
         print(f"\n{maps.tables(built)}")
+    if backups:
+        print(f"\n{backup.table(backups, options.backup_size)}")
     with open(options.json, "w", encoding="utf-8") as file:
-        json.dump({"machine": made_on(), "rounds": results, "inproc": rows, "maps": built}, file,
+        json.dump({"machine": made_on(), "rounds": results, "inproc": rows, "maps": built,
+                   "backup": backups}, file,
                   indent=1)
     if left:
         raise Failed(f"left behind: {left}")
