@@ -11,8 +11,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace ctl {
 namespace {
@@ -98,7 +100,15 @@ struct Said {
     }
 };
 
-void attach(const App &app, const ConfDisk &d, Said &said) {
+// Whether somebody has claimed the disk: a mount, a volume group. One that is merely open is not.
+bool is_claimed(const std::string &disk) {
+    int fd = open(disk.c_str(), O_RDONLY | O_EXCL | O_CLOEXEC | O_NONBLOCK);
+    if (fd >= 0)
+        close(fd);
+    return fd < 0;
+}
+
+void attach(const App &app, const ConfDisk &d, double &waited, Said &said) {
     char why[TRAK_WHY_SIZE];
     trak_add_filter_arg arg = {};
     memcpy(arg.hdd_name, d.disk.c_str(), d.disk.size() + 1);
@@ -107,6 +117,12 @@ void attach(const App &app, const ConfDisk &d, Said &said) {
     arg.minor = static_cast<int32_t>(d.minor);
     arg.extent_size = d.extent_size;
     int rc = trak_attach_filter(app.t(), &arg, why);
+    // While a disk appears udev has it open for a moment.
+    while (rc == -EBUSY && waited < d.wait_seconds && !is_claimed(d.disk) &&
+           app.world.pause(step_seconds)) {
+        waited += step_seconds;
+        rc = trak_attach_filter(app.t(), &arg, why);
+    }
     if (rc < 0)
         throw Failure{why};
     said.take(rc, why);
@@ -135,7 +151,7 @@ void attach_disk(Results &results, const ConfDisk &d, double &waited) {
         bool there = find_node(app, d, info), started = there && info.started != 0;
         if (!there) {
             wait_for_disk(app, d, waited);
-            attach(app, d, said);
+            attach(app, d, waited, said);
         }
         if (!started)
             start_disk(app, d, !there, said);

@@ -132,6 +132,24 @@ TEST_F(AllNodes, a_disk_that_appears_late_is_waited_for_and_one_that_does_not_is
     EXPECT_EQ(0, attach_all()) << err;
 }
 
+TEST_F(AllNodes, a_disk_that_is_open_for_a_moment_is_tried_again) {
+    std::ofstream(dir.path("disk")) << "open elsewhere, but claimed by nobody";
+    put("a.conf", dir.path("disk"), 0, "wait = 2\n");
+    int refusals = 3;
+    driver.refuse = [&refusals](uint32_t code) {
+        return code == TRAK_ADD_FILTER_NODE && refusals-- > 0 ? -EBUSY : 0;
+    };
+    looks_left = 1000;
+    EXPECT_EQ(0, attach_all()) << err;
+    EXPECT_EQ(1000 - 3, looks_left);
+    EXPECT_TRUE(started(0));
+    ASSERT_EQ(0, stop_all());
+    refusals = 100;
+    EXPECT_EQ(1, attach_all());
+    EXPECT_NE(std::string::npos, err.find("is mounted or open elsewhere")) << err;
+    EXPECT_EQ(1000 - 3 - 8, looks_left);
+}
+
 TEST_F(AllNodes, nothing_configured_needs_no_driver) {
     EXPECT_EQ(0, attach_all());
     EXPECT_EQ("no disk is configured in " + conf() + "\n", out);
