@@ -42,8 +42,12 @@ class Daemon:
                 stdout=log, stderr=log)
 
     def log(self):
-        with open(self.log_name, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        """Nothing, once its directory was swept away."""
+        try:
+            with open(self.log_name, encoding="utf-8", errors="replace") as file:
+                return file.read()
+        except FileNotFoundError:
+            return ""
 
     def wait_ready(self):
         def ready():

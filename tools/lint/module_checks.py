@@ -40,7 +40,7 @@ def check_release(tree, release):
     faults = faults_of(output, release)
     if faults or status != 0:
         return faults or [Fault(MAKEFILE, 1, "module", f"{release}: {output.strip()[-1500:]}")]
-    return check_objects(tree, release)
+    return check_objects(tree, release, has_debug_info(release))
 
 
 def faults_of(output, release):
@@ -56,7 +56,8 @@ def faults_of(output, release):
     return faults
 
 
-def check_objects(tree, release):
+def check_objects(tree, release, with_debug_info):
+    """What the driver's objects of this kernel's build have that they may not have, or lack."""
     folder = tree.root / "build/kernel" / release
     objects = [folder / (p.removesuffix(".cpp") + ".o") for p in tree.cpp("driver")
                if p.endswith(".cpp")]
@@ -78,8 +79,6 @@ def check_objects(tree, release):
             faults.append(Fault(source(folder, path), 1, "module",
                                 f"{release}: needs {name}, which is neither of the seam nor of the "
                                 "kernel's flags"))
-    with_debug_info = "CONFIG_DEBUG_INFO=y" in (
-        HEADERS / f"linux-headers-{release}/.config").read_text(encoding="utf-8").splitlines()
     for path in objects:
         _, output = run_tool(tree, ["objdump", "-h", str(path)])
         if with_debug_info and ".debug_info" not in output:
@@ -90,6 +89,12 @@ def check_objects(tree, release):
             faults.append(Fault(source(folder, path), 1, "module",
                                 f"{release}: has {section[0]}: no static constructors"))
     return faults
+
+
+def has_debug_info(release):
+    """Whether this kernel was built with debug information."""
+    config = HEADERS / f"linux-headers-{release}/.config"
+    return "CONFIG_DEBUG_INFO=y" in config.read_text(encoding="utf-8").splitlines()
 
 
 def source(folder, path):

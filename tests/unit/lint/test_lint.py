@@ -199,10 +199,14 @@ class LintTest(unittest.TestCase):
             "void use() { os_call(); __x86_return_thunk(); printk(); }\n", encoding="utf-8")
         subprocess.run(["g++", "-c", "-fno-pic", str(source), "-o", str(folder / "a.o")], check=True,
                        timeout=60)
-        faults = module_checks.check_objects(sources.Tree(self.folder.name), "6.1")
+        tree = sources.Tree(self.folder.name)
+        faults = module_checks.check_objects(tree, "6.1", with_debug_info=False)
         text = " ".join(f.text for f in faults)
         self.assertRegex(text, r"needs printk\b.*init_array")
-        self.assertNotRegex(text, r"os_call|return_thunk")
+        self.assertNotRegex(text, r"os_call|return_thunk|debug information")
+        bare = module_checks.check_objects(tree, "6.1", with_debug_info=True)
+        self.assertEqual([f.text for f in bare if f not in faults],
+                         ["6.1: has no debug information, which its kernel has"])
         self.assertEqual({f.path for f in faults}, {"driver/a.cpp"})
 
 
