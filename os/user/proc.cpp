@@ -16,15 +16,23 @@
 #include "os/user/sync.h"
 #include "os/user/task.h"
 
+namespace user {
+
+struct ProcOps {
+    os_proc_read_fn read = nullptr;
+    os_proc_write_fn write = nullptr;
+    void *data = nullptr;
+};
+
+}  // namespace user
+
 struct os_proc_entry {
     std::string name;
     std::uint32_t mode = 0;
     std::uint64_t ino = 0;
     os_proc_entry *parent = nullptr;  // null at the top
     std::vector<os_proc_entry *> children;
-    os_proc_read_fn read = nullptr;
-    os_proc_write_fn write = nullptr;
-    void *data = nullptr;
+    user::ProcOps ops;
     unsigned running = 0;  // callbacks
 };
 
@@ -80,8 +88,9 @@ ProcInfo describe(const os_proc_entry &entry) {
     return {entry.name, entry.mode, entry.ino};
 }
 
-// The entry with one more callback running; null, and *err, when there is none.
-os_proc_entry *enter(const std::string &path, bool write, int *err) {
+// The entry with one more callback running, and its callbacks as they are now: an entry is seen before
+// it gets them. Null, and *err, when there is none.
+os_proc_entry *enter(const std::string &path, bool write, ProcOps *ops, int *err) {
     Tree &all = tree();
     Guard held(all.mutex);
     os_proc_entry *entry = find(all, path);
@@ -90,11 +99,12 @@ os_proc_entry *enter(const std::string &path, bool write, int *err) {
         *err = -ENOENT;
     else if (entry == &all.top || S_ISDIR(entry->mode))
         *err = -EISDIR;
-    else if (write && !entry->write)
+    else if (write && !entry->ops.write)
         *err = -EACCES;
     if (*err)
         return nullptr;
     entry->running++;
+    *ops = entry->ops;
     return entry;
 }
 
@@ -106,14 +116,14 @@ void leave(os_proc_entry *entry) {
 }
 
 // The classic protocol where the callback does not set *start: it fills the page from the top.
-int read_page(os_proc_entry *entry, std::string *text) {
+int read_page(const ProcOps &ops, std::string *text) {
     text->clear();
-    if (!entry->read)
+    if (!ops.read)
         return 0;
     auto page = std::make_unique<char[]>(OS_PAGE_SIZE);
     char *start = nullptr;
     int eof = 0;
-    int length = entry->read(page.get(), &start, 0, OS_PAGE_SIZE, &eof, entry->data);
+    int length = ops.read(page.get(), &start, 0, OS_PAGE_SIZE, &eof, ops.data);
     if (length < 0)
         return length;
     const char *from = start ? start : page.get();
@@ -160,19 +170,21 @@ int proc_list(const std::string &path, std::vector<ProcInfo> *entries) {
 
 int proc_read(const std::string &path, std::string *text) {
     might_sleep("proc_read");
+    ProcOps ops;
     int err;
-    os_proc_entry *entry = enter(path, false, &err);
+    os_proc_entry *entry = enter(path, false, &ops, &err);
     if (!entry)
         return err;
-    err = read_page(entry, text);
+    err = read_page(ops, text);
     leave(entry);
     return err;
 }
 
 long proc_write(const std::string &path, std::string_view text) {
     might_sleep("proc_write");
+    ProcOps ops;
     int err;
-    os_proc_entry *entry = enter(path, true, &err);
+    os_proc_entry *entry = enter(path, true, &ops, &err);
     if (!entry)
         return err;
     std::string bytes(text);  // the window is writable
@@ -181,7 +193,7 @@ long proc_write(const std::string &path, std::string_view text) {
     long rc;
     {
         CallerScope scope(Caller{0, kSomewhere, {window, bytes.size()}});
-        rc = entry->write(nullptr, kSomewhere, bytes.size(), entry->data);
+        rc = ops.write(nullptr, kSomewhere, bytes.size(), ops.data);
     }
     leave(entry);
     return rc;
@@ -220,9 +232,7 @@ os_proc_entry *os_create_proc_entry(const char *name, uint32_t mode, os_proc_ent
 void os_proc_set_ops(os_proc_entry *entry, os_proc_read_fn read, os_proc_write_fn write,
                      void *data) {
     Guard held(tree().mutex);
-    entry->read = read;
-    entry->write = write;
-    entry->data = data;
+    entry->ops = {read, write, data};
 }
 
 const char *os_proc_name(const os_proc_entry *entry) {
