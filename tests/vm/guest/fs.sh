@@ -113,6 +113,7 @@ xfs_map() {
   load
   add_filter $extent "$number"
   mount_node xfs
+  rm -rf /mnt/node/*
   vm_tool age /mnt/node 6 $((100 * scale)) 9000
   add_snap 1 4K
   trakctl start 1
