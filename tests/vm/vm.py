@@ -146,7 +146,7 @@ def tail(text):
 
 def machine_of(kernel, suite, disks, words):
     return Machine(kernel, f"{suite.folder}/initramfs", disks, suite.folder, words,
-                   suite.memory_mib)
+                   suite.memory_mib, checked=suite.checked, counted=suite.counted)
 
 
 def boots(kernel, suite, disks, report, deadline, only):

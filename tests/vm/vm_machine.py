@@ -1,7 +1,8 @@
 # tests/vm/vm_machine.py: one virtual machine, from its start to its end
 # SPDX-License-Identifier: GPL-2.0-only
-"""QEMU without hardware help (-accel tcg), two processors, no network, no screen. The guest's first
-serial port is its console and goes to a file; the second carries the lines of vm_report.py.
+"""QEMU without hardware help (-accel tcg), two processors (or one whose instructions are counted), no
+network, no screen. The guest's first serial port is its console and goes to a file; the second carries
+the lines of vm_report.py.
 
 Whatever happens the process is ended by its own number, and it ends with its parent: a run that is
 killed leaves no machine behind.
@@ -21,6 +22,12 @@ PR_SET_PDEATHSIG = 1
 COMMAND_LINE = ("console=ttyS0 oops=panic panic=1 loglevel=5 nokaslr no_timer_check tsc=nowatchdog "
                 "rcupdate.rcu_cpu_stall_timeout=300 watchdog_thresh=60 "
                 "printk.devkmsg=on ")
+FAST = ("-accel", "tcg,thread=multi", "-smp", "2,sockets=2", "-cpu", "max,la57=off")
+# One processor on whose clock each instruction takes a nanosecond, and idling none: what a guest does is
+# the same in every run, and what else the host does shows in nothing. Instructions that repeat count
+# as often as they repeat, so the kernel is kept from those that copy byte by byte.
+COUNTED = ("-accel", "tcg,thread=single", "-smp", "1", "-icount", "shift=0,sleep=off",
+           "-cpu", "max,la57=off,erms=off,fsrm=off")
 BAD = re.compile(r"(\bWARNING: |\bBUG: |kernel BUG at|\bOops\b|general protection fault|"
                  r"Kernel panic|blocked for more than|self-detected stall|detected stalls|"
                  r"soft lockup|possible recursive locking|possible circular locking|"
@@ -49,12 +56,13 @@ class Machine:
     """One boot."""
 
     def __init__(self, kernel, initramfs, disks, folder, words="", memory_mib=1024,
-                 mitigations="off"):
+                 mitigations="off", checked=True, counted=False):
         self.folder = folder
-        command = [QEMU, "-accel", "tcg,thread=multi", "-machine", "pc", "-cpu", "max,la57=off",
-                   "-smp", "2,sockets=2", "-m", f"{memory_mib}M", "-nodefaults", "-display", "none",
+        command = [QEMU, *(COUNTED if counted else FAST), "-machine", "pc",
+                   "-m", f"{memory_mib}M", "-nodefaults", "-display", "none",
                    "-no-reboot", "-kernel", kernel.image, "-initrd", initramfs, "-append",
-                   f"{COMMAND_LINE} {slub_debug(kernel)} mitigations={mitigations} {words}"]
+                   f"{COMMAND_LINE} {slub_debug(kernel) if checked else ''} "
+                   f"mitigations={mitigations} {words}"]
         for number, disk in enumerate(disks):
             command += ["-drive", f"file={disk},if=none,id=d{number},format=raw,cache=writeback,"
                         "discard=unmap,detect-zeroes=off",

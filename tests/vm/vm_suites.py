@@ -54,6 +54,8 @@ class Suite:
     modules = ("virtio_pci", "virtio_blk")  # of the kernel, with what they depend on
     tools = ()            # programs put into the guest
     memory_mib = 1024
+    checked = True        # the kernel looks at the module's memory with every allocation
+    counted = False       # time is the number of instructions (vm_machine.py)
     limit = 1000          # seconds for one boot, on a machine ten times slower than yours
     cuts = 0              # boots that end with the power, before the one that ends in order
     cut_within = (0.2, 5)  # seconds after the guest's line "cut" at which the power goes
