@@ -188,6 +188,9 @@ def main():
         return 1
     if figures is None:
         return 1
+    if not figures.results:
+        warn(f"no load is called {options.only}")
+        return 1
     os.makedirs(os.path.dirname(os.path.abspath(options.json)), exist_ok=True)
     with open(options.json, "w", encoding="utf-8") as file:
         json.dump({"kernel": options.kernel, "rounds": [

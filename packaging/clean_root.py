@@ -126,7 +126,7 @@ WATCHED = ("etc", "lib/modules", "lib/systemd", "lib/udev", "usr/bin", "usr/incl
            "usr/share/bash-completion", "usr/share/doc", "usr/share/man", "usr/src", "var/lib")
 # What dpkg, apt, dkms, ldconfig and systemd keep for themselves, whoever is installed.
 THEIR_OWN = re.compile(r"var/lib/(dpkg|apt|systemd|dkms/mok\.|pam|ucf)|etc/ld\.so\.cache|.*__pycache__|"
-                       r"lib/modules/[^/]+/modules\.|etc/.*-$")
+                       r"(usr/)?lib/modules/[^/]+/modules\.|etc/.*-$")
 
 
 class Steps:
