@@ -1,12 +1,3 @@
-// os/linux/compat/6.12/compat_memory.h: memory of kernel 6.12
+// os/linux/compat/6.12/compat_memory.h: memory, of kernels 6.1 and 6.12, which are alike
 // SPDX-License-Identifier: GPL-2.0-only
-#ifndef TRAK_COMPAT_MEMORY_H
-#define TRAK_COMPAT_MEMORY_H
-
-#include <linux/vmalloc.h>
-
-static inline void *compat_vmalloc(size_t size, gfp_t gfp) {
-    return __vmalloc(size, gfp);
-}
-
-#endif
+#include "os/linux/compat/6.1/compat_memory.h"

@@ -1,8 +1,3 @@
-// os/linux/compat/6.12/compat_stdarg.h: argument lists, in kernel 6.12
+// os/linux/compat/6.12/compat_stdarg.h: argument lists, of kernels 6.1 and 6.12, which are alike
 // SPDX-License-Identifier: GPL-2.0-only
-#ifndef TRAK_COMPAT_STDARG_H
-#define TRAK_COMPAT_STDARG_H
-
-#include <linux/stdarg.h>
-
-#endif
+#include "os/linux/compat/6.1/compat_stdarg.h"
