@@ -178,47 +178,44 @@ TEST(backup, killed_again_while_it_settles_the_next_one_restores_to_its_moment) 
         }
 }
 
-TEST(backup, any_failing_command_is_reported_and_the_next_one_restores_to_its_moment) {
+// Lets each counted call of a backup fail in turn, and looks whether the next backup is whole.
+// `prepare` says which call fails; `counted` tells how many there were.
+template <typename Prepare, typename Counted>
+void fail_each_call(const char *what, int64_t most, Prepare prepare, Counted counted) {
     for (Kind kind : {Kind::full, Kind::incr, Kind::diff})
         for (int64_t call = 0;; call += stride(kind)) {
-            ASSERT_LT(call, 500);
+            ASSERT_LT(call, most);
             World world;
             begin(world);
             world.revive();
-            world.fail_command = call;
+            prepare(world, call);
             try {
                 (void)world.backup(kind);
             } catch (const Failure &failure) {
                 EXPECT_NE("", failure.text);
             }
-            bool reached = world.commands > call;
-            expect_whole_again(world, std::string(agent::kind_name(kind)) + " command " +
+            bool reached = counted(world) > call;
+            expect_whole_again(world, std::string(agent::kind_name(kind)) + " " + what + " " +
                                           std::to_string(call));
-            if (!reached || HasFatalFailure())
+            if (!reached || testing::Test::HasFatalFailure())
                 break;
         }
 }
 
+TEST(backup, any_failing_command_is_reported_and_the_next_one_restores_to_its_moment) {
+    fail_each_call(
+        "command", 500, [](World &world, int64_t call) { world.fail_command = call; },
+        [](const World &world) { return world.commands; });
+}
+
 TEST(backup, any_failing_call_of_the_store_is_reported_and_the_next_one_restores_to_its_moment) {
-    for (Kind kind : {Kind::full, Kind::incr, Kind::diff})
-        for (int64_t call = 0;; call += stride(kind)) {
-            ASSERT_LT(call, 1000);
-            World world;
-            begin(world);
-            world.revive();
+    fail_each_call(
+        "store call", 1000,
+        [](World &world, int64_t call) {
             world.busy = true;
             world.fail_store_call = call;
-            try {
-                (void)world.backup(kind);
-            } catch (const Failure &failure) {
-                EXPECT_NE("", failure.text);
-            }
-            bool reached = world.store_calls > call;
-            expect_whole_again(world, std::string(agent::kind_name(kind)) + " store call " +
-                                          std::to_string(call));
-            if (!reached || HasFatalFailure())
-                break;
-        }
+        },
+        [](const World &world) { return world.store_calls; });
 }
 
 TEST(backup, an_answer_that_is_lost_after_the_map_was_cleared_loses_no_change) {
