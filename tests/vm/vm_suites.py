@@ -380,15 +380,15 @@ class Power(OnTrak):
                          for (what, verdict), count in sorted(self.tally.items()))
         note(f"after {self.cuts} cuts: {said}")
         # Of each cut: two kinds of attach, two maps.
-        self.counted(report, "power.saved_maps_are_exact_after_every_cut",
+        self.verdict(report, "power.saved_maps_are_exact_after_every_cut",
                      self.tally["saved", "exact"] == 4 * self.cuts)
-        self.counted(report, "power.every_resumed_snapshot_was_valid_and_true",
+        self.verdict(report, "power.every_resumed_snapshot_was_valid_and_true",
                      self.tally["snapshot", "true"] == self.cuts)
         raw = [self.tally["raw", verdict] for verdict in ("exact", "everything", "window")]
-        self.counted(report, "power.raw_maps_are_exact_or_everything_or_of_the_known_window",
+        self.verdict(report, "power.raw_maps_are_exact_or_everything_or_of_the_known_window",
                      sum(raw) == 2 * self.cuts and (not self.long or (raw[0] > 0 and raw[1] > 0)))
 
-    def counted(self, report, test, holds):
+    def verdict(self, report, test, holds):
         if holds:
             report.ok(test)
         else:

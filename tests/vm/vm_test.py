@@ -211,6 +211,20 @@ class PowerCuts(unittest.TestCase):
         self.assertFalse(vm_suites.Power("", long=False).hear("recorded", Report("t")))
 
 
+class Suites(unittest.TestCase):
+    def test_what_a_suite_is_stays_of_its_kind(self):
+        # A method of the name of a switch would be a switch that is on.
+        plain = vm_suites.Suite("", long=False)
+        words = [name for name in vars(vm_suites.Suite)
+                 if isinstance(getattr(plain, name), (bool, int, str, tuple))]
+        self.assertIn("counted", words)
+        for name, kind in vm_suites.SUITES.items():
+            for word in words:
+                with self.subTest(suite=name, word=word):
+                    self.assertIs(type(getattr(kind("", long=True), word)),
+                                  type(getattr(plain, word)))
+
+
 class Kernels(unittest.TestCase):
     def test_the_newest_is_the_greatest_number_of_its_series(self):
         names = ["linux-image-6.1.0-9-amd64", "linux-image-6.1.0-10-amd64",
