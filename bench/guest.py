@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 # bench/guest.py: the module beside the kernel's own in a virtual machine: medians and ratios
 # SPDX-License-Identifier: GPL-2.0-only
-"""guest.py [--kernel SERIES] [--rounds N] [--seconds N] [--size MIB] [--media LIST] [--only REGEX]
+"""guest.py [--kernel SERIES | --kernel-tree FOLDER] [--rounds N] [--seconds N] [--size MIB] [--media LIST] [--only REGEX]
 [--profile REGEX] [--json FILE]
 
 All contenders are in one guest, each on a disk of its own, and take turns at every load, each round
@@ -11,6 +11,8 @@ median of the rounds' ratios; the range beside it is that of the middle half of 
 Kinds of disk: `virtio`, images on a disk of the host, in a guest with two processors on the host's clock;
 `memory` (brd, which takes no time) and `timed` (null_blk in memory, 50 us for a request), in a guest with
 one processor whose clock counts instructions, each as a nanosecond: there nothing of the host shows.
+Kernels 2.6 have neither dm-era nor null_blk: there the filter is beside the disk alone, and no disk is
+`timed`.
 
 --only: loads whose "MEDIUM LOAD" it is found in, such as 'virtio first' or 'memory .*4k-q1$'.
 --profile: where the processor's time goes during loads whose "MEDIUM LOAD ON" it is found in. (perf slows
@@ -46,6 +48,7 @@ class Bench(OnTrak):
     about = "loads on the filter, on snapshots and on what the kernel has of the kind"
     modules = (*OnTrak.modules, "dm_mod", "dm_era", "dm_snapshot", "brd", "null_blk")
     tools = (*OnTrak.tools, "dmsetup", "mke2fs", "fio")
+    not_in_2_6 = ("dm_era", "null_blk")
     checked = False
 
     def __init__(self, folder, options, media):
@@ -154,8 +157,11 @@ def run_guest(options, media, kernel, figures):
 
 def run(options):
     """The figures of both guests, or None where something was wrong."""
-    kernel = vm_kernels.get(options.kernel)
-    figures = Figures(f"bench-{options.kernel}")
+    kernel = vm.kernel_of(options.kernel, options)
+    figures = Figures(f"bench-{kernel.series}")
+    if kernel.series.startswith("2.6.") and "timed" in options.media:
+        note("no disk is timed: this series has no null_blk")
+        options.media.remove("timed")
     guests = (("virtio",), ("memory", "timed"))
     asked = [[medium for medium in guest if medium in options.media] for guest in guests]
     good = [run_guest(options, media, kernel, figures) for media in asked if media]
@@ -168,6 +174,7 @@ def main():
     parser = argparse.ArgumentParser(prog="./run bench vm", description=(
         "Measures the module in a virtual machine beside dm-era and dm-snapshot."))
     parser.add_argument("--kernel", choices=list(vm_kernels.SERIES), default="6.12")
+    parser.add_argument("--kernel-tree", metavar="FOLDER", help="a built tree, as in ./run vm")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--seconds", type=int, default=1, help="for each load")
     parser.add_argument("--media", default="virtio,memory,timed", help="kinds of disk")
@@ -176,14 +183,14 @@ def main():
     parser.add_argument("--profile", default="", help="loads whose profile is printed")
     parser.add_argument("--json", default="build/bench-vm.json")
     options = parser.parse_args()
-    options.media = options.media.split(",")
+    options.media, options.update = options.media.split(","), False
     if not set(options.media) <= {"virtio", "memory", "timed"}:
         parser.error("--media: virtio, memory, timed, with commas between")
     if min(options.rounds, options.seconds) < 1 or options.size < 64 or options.size % 64:
         parser.error("at least one round of a second, on disks of a multiple of 64 MiB")
     try:
         figures = run(options)
-    except CannotRun as why:
+    except (CannotRun, AssertionError) as why:
         warn(str(why))
         return 1
     if figures is None:
@@ -193,7 +200,7 @@ def main():
         return 1
     os.makedirs(os.path.dirname(os.path.abspath(options.json)), exist_ok=True)
     with open(options.json, "w", encoding="utf-8") as file:
-        json.dump({"kernel": options.kernel, "rounds": [
+        json.dump({"kernel": figures.title.removeprefix("bench-"), "rounds": [
             {"medium": medium, "load": load, "on": who, "round": turn, **one}
             for (medium, load), contenders in figures.results.items()
             for who, rounds in contenders.items() for turn, one in rounds.items()]}, file, indent=1)

@@ -12,6 +12,7 @@
 #
 #   bare    the disk                         trak       a filter without a snapshot
 #   era     dm-era, blocks of 64 KiB         trak-snap  a filter with a snapshot, files on an ext4
+#           (where the kernel has it)                   (ext3 in old kernels)
 #                                            dm-snap    dm-snapshot, persistent, its store a disk
 #
 # A line of figures: figure MEDIUM LOAD CONTENDER ROUND KIB MS P50_US P99_US. KiB and milliseconds are those
@@ -54,6 +55,9 @@ profiled() {
   perf report -i /tmp/perf --stdio -s comm,symbol --percent-limit 0.4 2>/dev/null |
     sed "s/^/profile of $what: /" >&4
 }
+
+# has_era: the kernel has dm-era.
+has_era() { dmsetup targets | grep -q '^era'; }
 
 # wanted LOAD
 wanted() { echo "$medium $1" | grep -qE "$loads"; }
@@ -113,20 +117,24 @@ turn() {
 # --- a filter without snapshots ------------------------------------------------------------------
 
 filter_up() {
-  local disk
+  local disk filters=trak
   trakctl add-filter --disk "$(place trak)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 0
   trakctl start 0
-  dd if=/dev/zero of="$(place era-maps)" bs=4k count=1 oflag=direct
-  disk=$(place era)
-  map era "0 $(sectors "$disk") era $(place era-maps) $disk 128"
+  if has_era; then
+    filters="trak era"
+    dd if=/dev/zero of="$(place era-maps)" bs=4k count=1 oflag=direct
+    disk=$(place era)
+    map era "0 $(sectors "$disk") era $(place era-maps) $disk 128"
+  fi
   # All of the disk is written once: the marks of the loads that follow are there.
-  for disk in trak era; do
-    dd if=/dev/zero of="$(device $disk)" bs=1M count="$mib" oflag=direct
+  for disk in $filters; do
+    dd if=/dev/zero of="$(device "$disk")" bs=1M count="$mib" oflag=direct
   done
 }
 
 filter_loads() {
-  local who="bare trak era" half=$((mib / 2))
+  local who="bare trak" half=$((mib / 2))
+  if has_era; then who="$who era"; fi
   turn write-4k-q1 "$who" randwrite 4k 1 0 "$mib" "$time"
   turn write-4k-q16 "$who" randwrite 4k 16 0 "$mib" "$time"
   turn write-1m "$who" write 1M 4 0 "$mib" "$time"
@@ -137,7 +145,7 @@ filter_loads() {
   wanted mark-4k-q16 || return 0
   trakctl bitmap get-clear 0 incr --file /tmp/incr
   trakctl bitmap get-clear 0 diff --file /tmp/diff
-  dmsetup message era 0 checkpoint
+  if has_era; then dmsetup message era 0 checkpoint; fi
   align=64k
   turn mark-4k-q16 "$who" randwrite 4k 16 0 "$mib" $((half * 8))
   align=4k
@@ -146,7 +154,7 @@ filter_loads() {
 filter_down() {
   trakctl stop 0
   trakctl delete 0
-  unmap era
+  if has_era; then unmap era; fi
 }
 
 # --- snapshots -----------------------------------------------------------------------------------
@@ -237,9 +245,9 @@ medium_up() {
   # The memory of a disk that was never written would be made in the middle of a load.
   for role in bare trak era snap origin; do fill $role "$mib"; done
   for role in cow store; do fill $role $((mib * 5 / 4)); done
-  mkfs.ext4 -q -F -E nodiscard "$(place cow)"
+  "mkfs.$own_fs" -q -F -E nodiscard "$(place cow)"
   mkdir -p /mnt/maps
-  mount -t ext4 "$(place cow)" /mnt/maps
+  mount -t "$own_fs" "$(place cow)" /mnt/maps
   mkdir -p /mnt/maps/bmp
   load
 }

@@ -10,16 +10,31 @@
  * this much left over means that it is found. */
 #define MEMORY_NEEDED_KIB (16l * 1024)
 
+/* -1 where the file doesn't say. Kernels before 3.14 leave the sum to the reader: what is free, and what is
+ * cached of files. */
+static long available_kib(FILE *meminfo) {
+    char line[256];
+    long kib, cached = 0, free_kib = -1;
+    while (fgets(line, sizeof(line), meminfo) != NULL) {
+        if (sscanf(line, "MemAvailable: %ld kB", &kib) == 1)
+            return kib;
+        if (sscanf(line, "MemFree: %ld kB", &kib) == 1)
+            free_kib = kib;
+        if (sscanf(line, "Buffers: %ld kB", &kib) == 1 || sscanf(line, "Cached: %ld kB", &kib) == 1)
+            cached += kib;
+        if (sscanf(line, "Shmem: %ld kB", &kib) == 1)
+            cached -= kib;
+    }
+    return free_kib < 0 ? -1 : free_kib + cached;
+}
+
 static int check_memory(struct trak *t, char *why) {
-    char path[LT_PATH], line[256];
-    long available = -1;
+    char path[LT_PATH];
     snprintf(path, sizeof(path), "%s/proc/meminfo", t->host);
     FILE *file = fopen(path, "re");
     if (file == NULL)
         return 0;
-    while (available < 0 && fgets(line, sizeof(line), file) != NULL)
-        if (sscanf(line, "MemAvailable: %ld kB", &available) != 1)
-            available = -1;
+    const long available = available_kib(file);
     fclose(file);
     if (available < 0 || available >= MEMORY_NEEDED_KIB)
         return 0;

@@ -16,7 +16,7 @@ import time
 
 import vm_kernels
 from vm_initramfs import Initramfs
-from vm_machine import QEMU, Machine, Timeout, console_in, faults_in
+from vm_machine import QEMU, Machine, Timeout, console_in, faults_in, least_stack
 from vm_report import CannotRun, Report, in_ci, note, warn
 from vm_suites import BIN, HERE, SUITES
 from vm_tree import Tree
@@ -82,7 +82,8 @@ def initramfs_of(suite, kernel):
         initramfs.program(f"{BIN}/{name}" if name in OURS else name)
     own_fs = ["ext4"] if kernel.own_fs == "ext4" else ["ext2", kernel.own_fs]
     initramfs.kernel_modules(kernel, [module for name in suite.modules
-                                      for module in (own_fs if name == "ext4" else [name])])
+                                      for module in (own_fs if name == "ext4" else [name])],
+                             suite.optional(kernel))
     # What the file systems of the suites themselves are of.
     initramfs.put("etc/own_fs", f"{kernel.own_fs}\n".encode())
     suite.files(initramfs)
@@ -119,14 +120,31 @@ def boot(machine, suite, report, limit, cut_after):
     if not ended:
         report.fail(f"{suite.name}.guest_runs_to_its_end", "the guest ended before its suite did")
         print(tail(machine.console()))
-    faults = faults_in(machine.console(), suite.allowed)
+    faults = faults_in(machine.console(), suite.allowed, suite.provoked())
     if faults:
         report.fail(f"{suite.name}.kernel_log_is_clean", "see below")
         print(faults)
         return False
     if cut_after is None:
         report.ok(f"{suite.name}.kernel_log_is_clean")
+        judge_stacks(suite, report, machine.console())
     return ended
+
+
+def judge_stacks(suite, report, console):
+    """A quarter of the 8 KiB that tasks of kernels 2.6 have is left to what no test reaches."""
+    least = least_stack(console) if measures_stacks(suite.kernel) else None
+    if least is None:
+        return
+    note(f"least stack left: {least[0]} bytes ({least[1]})")
+    if suite.needs_trak:
+        report.add(f"{suite.name}.stacks_keep_2_KiB", "ok" if least[0] >= 2048 else "not ok",
+                   "" if least[0] >= 2048 else f"{least[1]} left {least[0]} bytes")
+
+
+def measures_stacks(kernel):
+    return (kernel is not None and kernel.series.startswith("2.6.") and
+            kernel.has("DEBUG_STACK_USAGE"))
 
 
 class FalseStart(Exception):
@@ -156,6 +174,8 @@ def boots(kernel, suite, disks, report, deadline, only):
         last = number == suite.cuts
         limit = deadline.within(suite.limit)
         words = f"suite={suite.name} round={number} last={int(last)} watch={int(limit * 0.9)}"
+        if measures_stacks(kernel):
+            words += " stacks=1"
         if only:
             words += f" only={only}"
         cut_after = None if last else dice.uniform(*suite.cut_within)

@@ -64,14 +64,16 @@ class Initramfs:
         for library in re.findall(r"(/\S+) \(0x", done.stdout):
             self.file(library[1:], library, 0o100755)
 
-    def kernel_modules(self, kernel, names):
+    def kernel_modules(self, kernel, names, optional=()):
         """Modules and what they depend on; etc/modules lists them in the order of loading. What is
-        built into this kernel is left out."""
+        built into this kernel is left out, and what is optional where there is none."""
         depends, built_in = kernel.dependencies()
         order = []
 
         def visit(name):
             if name in order or name in built_in:
+                return
+            if name not in depends and name in optional:
                 return
             if name not in depends:
                 raise CannotRun(f"{kernel.release} has no module {name}")

@@ -124,11 +124,49 @@ def console_in(folder):
         return ""
 
 
-def faults_in(console, allowed=None):
+def without_provoked(lines, provoked):
+    """The lines but for reports that a test is known to provoke: provoked has a regular expression for
+    the first lines of such a report by the test's name. One that names a function of ours stays."""
+    kept, report, test = [], None, ""
+    for line in lines:
+        if line.startswith("--- "):
+            test = line[4:]
+        if "[ cut here ]" in line:
+            kept, report = kept + (report or []), []
+        if report is None:
+            kept.append(line)
+            continue
+        report.append(line)
+        if "[ end trace" in line:
+            text = "\n".join(report)
+            known = test in provoked and re.search(provoked[test], text)
+            kept += [] if known and "[trak]" not in text else report
+            report = None
+    return kept + (report or [])
+
+
+# What a task has never used of its stack: said when one ends that used more than all before it, and in the
+# list of tasks (SysRq T).
+STACK_LEFT = re.compile(r"\] (\S+) used greatest stack depth: (\d+) bytes left")
+STACK_OF_TASK = re.compile(r"\] (\S.{12}) [A-Za-z] .*\s(\d+)\s+\d+\s+\d+ 0x[0-9a-f]{8}\s*$")
+
+
+def least_stack(console):
+    """(bytes, task) of the task that came nearest to the end of its stack; None where the kernel, for
+    lack of DEBUG_STACK_USAGE, tells of none."""
+    found = [(int(left), task.strip()) for line in console.splitlines()
+             for task, left in STACK_LEFT.findall(line) + STACK_OF_TASK.findall(line)]
+    return min((one for one in found if one[0] > 0), default=None)
+
+
+def faults_in(console, allowed=None, provoked=None):
     """What the kernel's log holds that it must not, from the start of the first process on: an excerpt,
-    or nothing. allowed: a regular expression for lines that a suite provokes."""
+    or nothing. allowed: a regular expression for lines that a suite provokes; provoked: as
+    without_provoked has it."""
     _, mark, after = console.partition("\n--- init")
-    lines = (after if mark else console).splitlines()
+    # A list of tasks that was asked for is one of backtraces.
+    after = after.partition("\n--- tasks")[0]
+    lines = without_provoked((after if mark else console).splitlines(), provoked or {})
     for number, line in enumerate(lines):
         if BAD.search(line) and not (allowed and re.search(allowed, line)):
             return "\n".join(lines[max(0, number - 5):number + 40])

@@ -60,6 +60,7 @@ class Suite:
     cuts = 0              # boots that end with the power, before the one that ends in order
     cut_within = (0.2, 5)  # seconds after the guest's line "cut" at which the power goes
     allowed = None        # lines of the kernel's log that are no fault here
+    not_in_2_6 = ()       # of the modules those that the kernels 2.6 do not know
 
     def __init__(self, folder, long):
         self.folder, self.long = folder, long
@@ -72,6 +73,14 @@ class Suite:
 
     def files(self, initramfs):
         """Puts what else the guest needs."""
+
+    def optional(self, kernel):
+        """Modules that the kernel's series has not; the guest says which tests lack them."""
+        return self.not_in_2_6 if kernel.series.startswith("2.6.") else ()
+
+    def provoked(self):
+        """Reports of the kernel's own that a test provokes (vm_machine.without_provoked)."""
+        return {}
 
     def trak_module(self, kernel, initramfs):
         """The module for this kernel, and its tests, as `./run build kernel` makes them."""
@@ -183,6 +192,14 @@ class Module(OnTrak):
     def files(self, initramfs):
         initramfs.put("etc/reloads", b"50\n" if self.long else b"10\n")
 
+    def provoked(self):
+        """ext2 of kernels 2.6 marks what it could not write as to be written again, and their
+        mark_buffer_dirty warns of a buffer whose writing has failed: with or without a node below."""
+        if not self.kernel.series.startswith("2.6."):
+            return {}
+        return {"module.disk_that_is_pulled_out_gives_errors_and_an_orderly_end":
+                r"WARNING: at \S*fs/buffer\.c:\d+ mark_buffer_dirty"}
+
 
 class Control(OnTrak):
     """Callers of the control device that mean no good, or may not call."""
@@ -199,6 +216,8 @@ class Control(OnTrak):
 
     def files(self, initramfs):
         initramfs.put("etc/calls", b"8000\n" if self.long else b"1500\n")
+        initramfs.put("etc/programs_of_32_bits",
+                      b"yes\n" if self.kernel.has("IA32_EMULATION") else b"no\n")
 
 
 class Fs(OnTrak):
@@ -222,7 +241,8 @@ class Fs(OnTrak):
     # In kernels that know no more of them.
     OLD_KINDS = (
         ("ext2", "ext2", "mke2fs -q -F", "e2fsck -f -n", "ro"),
-        ("ext3", "ext3", "mke2fs -q -F -t ext3 -j", "e2fsck -f -n", "ro,noload"),
+        # Its noload is for file systems without a journal; what was frozen needs no recovery.
+        ("ext3", "ext3", "mke2fs -q -F -t ext3 -j", "e2fsck -f -n", "ro"),
         ("xfs-v4", "xfs", f"mkfs.xfs --unsupported -q -f {OLD_XFS}", "xfs_repair -n -f",
          "ro,norecovery,nouuid"),
         ("reiserfs", "reiserfs", "mkreiserfs -q -f", "reiserfsck --check --yes", "ro"),
@@ -281,6 +301,7 @@ class Faults(OnTrak):
     short = ("6.1",)
     about = "full and failing disks below the filter and the COW files; memory pressure"
     modules = (*OnTrak.modules, "dm_mod", "dm_flakey")
+    not_in_2_6 = ("dm_flakey",)
     tools = (*OnTrak.tools, "dmsetup")
 
     def disks(self):
@@ -289,12 +310,34 @@ class Faults(OnTrak):
         return [*super().disks(), tight]
 
 
+class Inject(OnTrak):
+    """What the kernel lets fail when it is told to; a kernel that can't has these tests skipped."""
+
+    name = "inject"
+    short = ()
+    about = "allocations, pages and requests that fail one by one (CONFIG_FAULT_INJECTION)"
+    tools = (*OnTrak.tools, "mke2fs")
+    disk_mib = 16
+    limit = 1600
+
+    def disks(self):
+        return [*super().disks(), make_disk(f"{self.folder}/cow.img", 32 * MIB)]
+
+    def provoked(self):
+        """As in the suite module: what ext2 could not write."""
+        if not self.kernel.series.startswith("2.6."):
+            return {}
+        return {"inject.failing_cow_disk_gives_up_the_snapshot_alone":
+                r"WARNING: at \S*fs/buffer\.c:\d+ mark_buffer_dirty"}
+
+
 class Requests(OnTrak):
     """Requests that are no plain reads and writes, and what the kernel counts of them all."""
 
     name = "requests"
     about = "discards, write zeroes, secure erase, zones; the statistics of nodes"
     modules = (*OnTrak.modules, "null_blk")
+    not_in_2_6 = ("null_blk",)
 
 
 class Memory(OnTrak):
@@ -416,4 +459,4 @@ class Backup(OnTrak):
 
 
 SUITES = {suite.name: suite for suite in (Aged, Contract, Module, Control, Requests, Fs,
-                                          User, Faults, Memory, Io, Power, Backup)}
+                                          User, Faults, Inject, Memory, Io, Power, Backup)}

@@ -16,7 +16,7 @@ import vm_kernels
 import vm_old_kernel
 import vm_suites
 import vm_tree
-from vm_machine import faults_in
+from vm_machine import faults_in, least_stack
 from vm_report import CannotRun, Report
 
 LOG = "[    1.0] usual\n[    2.0] %s\n[    2.1] RIP: 0010:somewhere\n"
@@ -118,6 +118,31 @@ class KernelLogs(unittest.TestCase):
     def test_what_a_suite_provokes_is_let_pass_and_nothing_else(self):
         log = LOG % "WARNING: mine" + LOG % "WARNING: other"
         self.assertIn("other", faults_in(log, allowed="mine"))
+
+    def test_the_least_of_all_stacks_is_found_and_its_list_is_no_fault(self):
+        log = ("[1.0] sh used greatest stack depth: 4056 bytes left\n--- init\n"
+               "[2.0] trakctl used greatest stack depth: 3800 bytes left\n--- tasks\n"
+               "[3.0] init          R  running task     5176     1      0 0x00000000\n"
+               "[3.1] kjournald     S ffffffff8104a1c0  3504   301      2 0x00000000\n"
+               "[3.2] Call Trace:\n")
+        self.assertEqual(least_stack(log), (3504, "kjournald"))
+        self.assertEqual(faults_in(log), "")
+        self.assertIsNone(least_stack(LOG % "usual"))
+
+    def test_a_report_passes_in_the_test_that_provokes_it_and_where_it_names_none_of_ours(self):
+        def log(test, what="WARNING: at fs/x.c:7 f", frame="[<0>] g+0x1/0x2"):
+            return (f"--- begins\n--- {test}\n[1.0] ---[ cut here ]---\n[1.1] {what}\n"
+                    f"[1.2] Modules linked in: trak\n[1.3] Call Trace:\n[1.4]  {frame}\n"
+                    "[1.5] ---[ end trace 1 ]---\n[1.6] usual\n")
+
+        known = {"a.test": r"WARNING: at fs/x\.c"}
+        self.assertEqual(faults_in(log("a.test"), provoked=known), "")
+        self.assertIn("x.c", faults_in(log("a.test")))
+        self.assertIn("x.c", faults_in(log("b.test"), provoked=known))
+        self.assertIn("y.c", faults_in(log("a.test", "WARNING: at fs/y.c:7 f"), provoked=known))
+        self.assertIn("x.c", faults_in(log("a.test", frame="[<0>] h+0x1/0x2 [trak]"),
+                                       provoked=known))
+        self.assertIn("x.c", faults_in(log("a.test").partition("[1.5]")[0], provoked=known))
         self.assertEqual(faults_in(LOG % "WARNING: mine", allowed="mine"), "")
 
 

@@ -134,6 +134,19 @@ TEST_F(Snap, refuses_to_create_where_memory_is_short) {
     EXPECT_EQ(0, attach(snap_arg())) << why;
 }
 
+TEST_F(Snap, counts_what_is_cached_where_the_kernel_names_no_sum) {
+    fake::TempDir host;
+    snprintf(t->host, sizeof(t->host), "%s", host.path().c_str());
+    host.put("proc/meminfo", "MemTotal: 1000000 kB\nMemFree: 4000 kB\nBuffers: 3000 kB\n"
+                             "Cached: 7000 kB\nShmem: 5000 kB\n");
+    refused(snap_arg(), ENOMEM,
+            "only 9000 KiB of memory are available: a creation that finds none would block the "
+            "driver; free some first");
+    host.put("proc/meminfo", "MemTotal: 1000000 kB\nMemFree: 4000 kB\nBuffers: 3000 kB\n"
+                             "Cached: 27000 kB\nSwapCached: 0 kB\n");
+    EXPECT_EQ(0, attach(snap_arg())) << why;
+}
+
 TEST_F(Snap, a_driver_without_snapshots_is_told_in_one_sentence) {
     driver.supports_snaps = false;
     EXPECT_EQ(-EOPNOTSUPP, attach(snap_arg()));

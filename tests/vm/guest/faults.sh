@@ -23,6 +23,11 @@ table() {
   case $3 in
   linear) echo "0 $(sectors "$2") linear $2 0" ;;
   error) echo "0 $(sectors "$2") error" ;;
+  part) # all is well but for the sixth 64 KiB
+    echo "0 640 linear $2 0"
+    echo "640 128 error"
+    echo "768 $(($(sectors "$2") - 768)) linear $2 768"
+    ;;
   flakey) echo "0 $(sectors "$2") flakey $2 0 0 1000 1 error_writes" ;;
   esac
 }
@@ -75,6 +80,7 @@ filter_mapped() {
 
 # Errors of the disk are the writer's; the filter goes on when the disk does.
 disk_fails() {
+  [ "$1" != flakey ] || lacks "a mapped disk that fails writes alone (dm-flakey)"
   filter_mapped
   put 0 16
   becomes below "$(disk 0)" "$1"
@@ -83,6 +89,20 @@ disk_fails() {
   becomes below "$(disk 0)" linear
   put 4 4
   dd if=/dev/trak/trak0 of=/dev/null bs=64k count=16 iflag=direct
+}
+
+# One place of the disk fails: a request that touches it fails, those around it don't.
+place_fails() {
+  filter_mapped
+  put 0 16
+  becomes below "$(disk 0)" part
+  refuse put 5 1
+  refuse put 4 2
+  refuse dd if=/dev/trak/trak0 of=/dev/null bs=128k count=1 skip=2 iflag=direct
+  put 4 1
+  put 6 1
+  becomes below "$(disk 0)" linear
+  put 5 1
 }
 
 # A chunk that can't be read can't be preserved: the image is given up or true, never wrong.
@@ -131,8 +151,7 @@ little_memory() {
   add_snap 1 4K
   trakctl start 1
   rm -f /tmp/stop
-  free=$(sed -n 's/^MemAvailable: *\([0-9]*\) kB/\1/p' /proc/meminfo)
-  vm_tool eat $((free / 1024 - 60)) /tmp/stop &
+  vm_tool eat $(($(available_kib) / 1024 - 60)) /tmp/stop &
   eater=$!
   vm_tool scribble /dev/trak/trak0 5 300 262144
   dd if=/dev/zero of=/dev/trak/trak0 bs=1M count=24 conv=fsync
@@ -145,6 +164,7 @@ little_memory() {
 try faults.full_cow_volume_gives_up_the_snapshot_alone cow_full
 try faults.failing_disk_is_the_writers_error disk_fails error
 try faults.disk_that_fails_writes_is_the_writers_error disk_fails flakey
+try faults.failing_place_of_a_disk_fails_no_other place_fails
 try faults.failing_disk_makes_no_wrong_image disk_fails_under_snapshot
 try faults.failing_cow_disk_gives_up_the_snapshot_alone cow_disk_fails
 try faults.image_is_true_with_little_memory little_memory

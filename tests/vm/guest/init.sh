@@ -41,12 +41,17 @@ else
     . "/suites/$one.sh"
   done
   # The kernel keeps its own account of warnings, oopses, bad pages, lockups: 12 and 13 are modules
-  # that are not its own, 16 is a distribution's auxiliary bit.
+  # that are not its own, 16 is a distribution's auxiliary bit. /tmp/provoked has what a test provokes.
   tainted=$(cat /proc/sys/kernel/tainted)
-  if [ $((tainted & ~(tainted_before | 1 << 12 | 1 << 13 | 1 << 16))) = 0 ]; then
+  provoked=$(cat /tmp/provoked 2>/dev/null || echo 0)
+  if [ $((tainted & ~(tainted_before | provoked | 1 << 12 | 1 << 13 | 1 << 16))) = 0 ]; then
     echo "ok ${suite:-none}.kernel_is_not_tainted" >&3
   else
     echo "not ok ${suite:-none}.kernel_is_not_tainted: $tainted" >&3
+  fi
+  if [ -n "${stacks:-}" ]; then
+    echo "--- tasks"
+    echo t >/proc/sysrq-trigger
   fi
   echo end >&3
 fi

@@ -40,6 +40,7 @@ verified() {
 # Discards between the writes: what was discarded is no longer looked at.
 discards() {
   local writer
+  lacks "a disk of the guest that takes discards"
   mount_maps
   load
   add_filter 64K

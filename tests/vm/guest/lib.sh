@@ -57,6 +57,11 @@ skip() {
   exit 77
 }
 
+# lacks WHAT: a test of what the kernels of the 2.6.32 series have not.
+lacks() {
+  case $(uname -r) in 2.6.*) skip "not there in this series: $*" ;; esac
+}
+
 # refuse COMMAND...: it must fail.
 refuse() {
   if "$@"; then fail "was not refused: $*"; fi
@@ -68,6 +73,23 @@ uptime_s() {
   # shellcheck disable=SC2034  # read takes the line apart
   read -r now rest </proc/uptime
   echo "${now%.*}"
+}
+
+# KiB that programs could still get. Kernels that don't say so themselves: what is free, and what is cached.
+available_kib() {
+  awk '/^(MemFree|Buffers|Cached|MemAvailable|Shmem):/ { kib[$1] = $2 }
+    END { said = "MemAvailable:" in kib
+      print said ? kib["MemAvailable:"]
+                 : kib["MemFree:"] + kib["Buffers:"] + kib["Cached:"] - kib["Shmem:"] }' /proc/meminfo
+}
+
+# end_first PID: it is the one to be ended where the kernel ends one for lack of memory.
+end_first() {
+  if [ -e "/proc/$1/oom_score_adj" ]; then
+    echo 1000 >"/proc/$1/oom_score_adj"
+  else
+    echo 15 >"/proc/$1/oom_adj"
+  fi
 }
 
 # eventually COMMAND...: until it holds, two minutes at most.

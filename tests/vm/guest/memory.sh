@@ -6,14 +6,11 @@
 # etc/memory: rounds of the pressure.
 read -r rounds </etc/memory
 
-available() { sed -n 's/^MemAvailable: *\([0-9]*\) kB/\1/p' /proc/meminfo; }
-
-# eat_all_but MIB: a process takes the rest and rewrites it again and again. It is the one to be ended where
-# the kernel ends one.
+# eat_all_but MIB: a process takes the rest and rewrites it again and again.
 eat_all_but() {
-  vm_tool eat $(($(available) / 1024 - $1)) /tmp/stop &
+  vm_tool eat $(($(available_kib) / 1024 - $1)) /tmp/stop &
   eater=$!
-  echo 1000 >/proc/$eater/oom_score_adj
+  end_first $eater
 }
 
 # true_or_given_up MINOR SUMS: the files of a snapshot are those of SUMS, or it says that it is invalid, and
@@ -21,7 +18,9 @@ eat_all_but() {
 true_or_given_up() {
   if [ "$(info "$1" valid)" = true ]; then
     mkdir -p "/mnt/snap$1"
-    mount -t "$own_fs" -o ro,noload "/dev/trak/trak$1" "/mnt/snap$1"
+    # ext3's noload is for file systems without a journal.
+    if [ "$own_fs" = ext4 ]; then options=ro,noload; else options=ro; fi
+    mount -t "$own_fs" -o $options "/dev/trak/trak$1" "/mnt/snap$1"
     vm_tool sums "/mnt/snap$1/tree" >/tmp/shown
     umount "/mnt/snap$1"
     cmp /tmp/shown "$2"

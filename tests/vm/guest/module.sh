@@ -175,6 +175,8 @@ disk_gone() {
   trakctl stop 0
   trakctl delete 0
   unload
+  # The host lets that one report pass (vm_suites.py), this its bit among the kernel's taints.
+  if dmesg | grep -q 'WARNING: at .*fs/buffer.c:[0-9]* mark_buffer_dirty'; then echo 512 >/tmp/provoked; fi
 }
 
 try module.loads_and_unloads_with_its_files_threads_and_numbers loads

@@ -23,6 +23,8 @@ int writes(const Words &words);
 int request(const Words &words);
 int hostile(const Words &words);
 int opens_as(const Words &words);
+int failing(const Words &words);
+int failing_writes(const Words &words);
 int shut_down(const Words &words);
 int sums(const Words &words);
 int churn(const Words &words);
