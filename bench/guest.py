@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # bench/guest.py: the module beside the kernel's own in a virtual machine: medians and ratios
 # SPDX-License-Identifier: GPL-2.0-only
-"""guest.py [--kernel SERIES | --kernel-tree FOLDER] [--rounds N] [--seconds N] [--size MIB] [--media LIST] [--only REGEX]
-[--profile REGEX] [--json FILE]
+"""guest.py [--kernel SERIES | --kernel-tree FOLDER] [--rounds N] [--seconds N] [--size MIB]
+[--media LIST] [--only REGEX] [--profile REGEX] [--json FILE]
 
 All contenders are in one guest, each on a disk of its own, and take turns at every load, each round
 another one first (guest_loads.sh). So what else the host does meets all of them alike. A ratio is the

@@ -376,6 +376,13 @@ unsigned char *locked_pages(std::size_t bytes) {
     return static_cast<unsigned char *>(at);
 }
 
+// The stack too is there before anything fails.
+[[gnu::noinline]] void touch_stack() {
+    volatile unsigned char room[65536];
+    for (std::size_t at = 0; at < sizeof room; at += 512)
+        room[at] = 0;
+}
+
 }  // namespace
 
 int failing(const Words &words) {
@@ -389,6 +396,7 @@ int failing(const Words &words) {
     node.page = locked_pages(kPage);
     node.old_page = locked_pages(kPage);
     // No page is to be fetched while this process is marked: the kernel ends who gets none.
+    touch_stack();
     if (mlockall(MCL_CURRENT | MCL_FUTURE) != 0)
         die("mlockall");
     Faults faults(words[0]);
