@@ -8,6 +8,7 @@
 #include <linux/pid.h>
 #include <linux/preempt.h>
 #include <linux/sched.h>
+#include <linux/slab.h>
 #include <linux/string.h>
 
 #include <compat_task.h>
@@ -46,13 +47,37 @@ void os_cond_resched(void) {
     cond_resched();
 }
 
+struct start {
+    int (*fn)(void *arg);
+    void *arg;
+};
+
+static int run_plugged(void *arg) {
+    const struct start start = *(struct start *)arg;
+    compat_plug plug;
+    int rc;
+
+    kfree(arg);
+    compat_start_plug(&plug);
+    rc = start.fn(start.arg);
+    compat_finish_plug();
+    return rc;
+}
+
 // What a thread shares with its maker (clone_flags) is settled by the kernel for its own threads.
 int os_kernel_thread(int (*fn)(void *arg), void *arg, unsigned long clone_flags, const char *name) {
-    struct task_struct *task = kthread_create(fn, arg, "%s", name);
+    struct start *start = kmalloc(sizeof(*start), GFP_KERNEL);
+    struct task_struct *task;
     int pid;
 
-    if (IS_ERR(task))
+    if (!start)
+        return -ENOMEM;
+    *start = (struct start){fn, arg};
+    task = kthread_create(run_plugged, start, "%s", name);
+    if (IS_ERR(task)) {
+        kfree(start);
         return PTR_ERR(task);
+    }
     pid = task_pid_nr(task); /* it may be gone once it runs */
     wake_up_process(task);
     return pid;
@@ -73,8 +98,10 @@ void os_daemonize(const char *name) {
 // There is always a completion. Asking for it leaves the function a way back, as its callers on other
 // platforms need: the kernel's check of objects wants no code behind a call that can't return.
 void os_complete_and_exit(struct os_completion *completion, long code) {
-    if (completion)
-        compat_complete_and_exit(real_os_completion(completion), code);
+    if (!completion)
+        return;
+    compat_finish_plug();
+    compat_complete_and_exit(real_os_completion(completion), code);
 }
 
 void os_module_get(void) {

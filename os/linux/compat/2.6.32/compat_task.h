@@ -24,4 +24,12 @@ static inline void compat_thread_writes(void) {
 
 #define compat_complete_and_exit(completion, code) complete_and_exit(completion, code)
 
+/* The queues of this kernel hold requests back themselves. */
+typedef struct {
+} compat_plug;
+
+static inline void compat_start_plug(compat_plug *plug) {}
+
+static inline void compat_finish_plug(void) {}
+
 #endif

@@ -4,6 +4,7 @@
 #define TRAK_COMPAT_TASK_H
 
 #include <generated/utsrelease.h>
+#include <linux/blkdev.h>
 #include <linux/kthread.h>
 #include <linux/sched.h>
 #include <linux/sched/mm.h>
@@ -24,5 +25,16 @@ static inline void compat_thread_writes(void) {
 }
 
 #define compat_complete_and_exit(completion, code) kthread_complete_and_exit(completion, code)
+
+/* What a thread of the module submits in a row joins in its plug, until it sleeps or unplugs the queue. */
+typedef struct blk_plug compat_plug;
+
+#define compat_start_plug(plug) blk_start_plug(plug)
+
+/* That of the calling thread, where it has one. */
+static inline void compat_finish_plug(void) {
+    if (current->plug)
+        blk_finish_plug(current->plug);
+}
 
 #endif
