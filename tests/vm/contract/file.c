@@ -4,6 +4,7 @@
 
 #include <linux/err.h>
 
+#include "os/memory.h"
 #include "tests/vm/contract/contract.h"
 
 #define NAME "/tmp/contract_file"
@@ -28,6 +29,64 @@ static void what_was_written_is_read(void) {
     EXPECT(os_vfs_read(file, text, sizeof(text), &pos) == 0);
     pos = 0;
     EXPECT(os_vfs_read(file, text, 4, &pos) == 4 && !memchr_inv(text, 0, 4)); /* the hole */
+    EXPECT(os_filp_close(file) == 0);
+}
+
+enum { PAGES = 300 };
+
+/* Takes up with a page that was cut once more from its beginning. */
+static bool write_pages(struct os_file *file, struct os_page *const *pages, int64_t at) {
+    int64_t pos = at;
+    uint32_t whole = 0;
+
+    while (whole < PAGES) {
+        int64_t before = pos;
+        long n = os_vfs_write_pages(file, pages + whole, PAGES - whole, &pos);
+
+        if (!EXPECT(n > 0) || !EXPECT(pos == before + n))
+            return false;
+        whole += n / OS_PAGE_SIZE;
+        pos -= n % OS_PAGE_SIZE;
+    }
+    return true;
+}
+
+static bool shows_pages(struct os_file *file, struct os_page *const *pages, int64_t at, char *got) {
+    int64_t pos = at;
+    uint32_t i;
+
+    for (i = 0; i < PAGES; i++)
+        if (!EXPECT(os_vfs_read(file, got, OS_PAGE_SIZE, &pos) == OS_PAGE_SIZE) ||
+            !EXPECT(memcmp(got, os_page_address(pages[i]), OS_PAGE_SIZE) == 0))
+            return false;
+    return true;
+}
+
+/* Where a page of the file begins, which is where long runs may go straight to the disk, and elsewhere; into
+ * what the file has in memory already. */
+static void pages_are_written_one_behind_the_other(void) {
+    static const int64_t places[] = {OS_PAGE_SIZE, 0, 1000, 2 * OS_PAGE_SIZE + 512};
+    static struct os_page *pages[PAGES + 1]; /* the last one to read with */
+    struct os_file *file = make();
+    uint32_t i;
+
+    ASSERT(!os_is_err(file));
+    for (i = 0; i <= PAGES; i++) {
+        pages[i] = os_alloc_page(OS_GFP_KERNEL);
+        if (!EXPECT(pages[i]))
+            goto done;
+        memset(os_page_address(pages[i]), i % 251, OS_PAGE_SIZE);
+    }
+    for (i = 0; i < ARRAY_SIZE(places); i++) {
+        ((char *)os_page_address(pages[0]))[0] = 'a' + i;
+        if (!write_pages(file, pages, places[i]) ||
+            !shows_pages(file, pages, places[i], os_page_address(pages[PAGES])))
+            break;
+    }
+    EXPECT(os_file_size(file) == places[3] + (int64_t)PAGES * OS_PAGE_SIZE);
+done:
+    for (i = 0; i <= PAGES && pages[i]; i++)
+        os_free_page(pages[i]);
     EXPECT(os_filp_close(file) == 0);
 }
 
@@ -96,6 +155,7 @@ static void a_thread_lets_its_file_go_at_once(void) {
 
 const struct contract_test file_tests[] = {
     CONTRACT(file, what_was_written_is_read),
+    CONTRACT(file, pages_are_written_one_behind_the_other),
     CONTRACT(file, truncation_empties_the_file),
     CONTRACT(file, what_cannot_be_opened_says_why),
     CONTRACT(file, a_write_that_fails_leaves_the_position),
