@@ -30,7 +30,7 @@ void *os_vmalloc(size_t size) {
 }
 
 void os_vfree(void *p) {
-    vfree(p);
+    compat_vfree(p);
 }
 
 struct os_kmem_cache *os_kmem_cache_create(const char *name, size_t size, size_t align) {

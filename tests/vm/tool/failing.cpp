@@ -236,7 +236,7 @@ struct Step {
 };
 
 const Step kSteps[] = {
-    {"add-filter", kNothing, add_filter, {EINVAL}},
+    {"add-filter", kNothing, add_filter, {EINVAL, ENOENT}},
     {"start-filter", kFilterAdded, start_filter, {}},
     {"list", kFilterStarted, list, {}},
     {"get-info", kFilterStarted, get_info, {}},

@@ -9,4 +9,8 @@ static inline void *compat_vmalloc(size_t size, gfp_t gfp) {
     return __vmalloc(size, gfp);
 }
 
+static inline void compat_vfree(void *p) {
+    vfree(p);
+}
+
 #endif
