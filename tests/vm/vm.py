@@ -159,7 +159,7 @@ def false_start(console):
 
 
 def tail(text):
-    return "\n".join(text.splitlines()[-60:])
+    return "\n".join(text.partition("\n--- tasks")[0].splitlines()[-60:])
 
 
 def machine_of(kernel, suite, disks, words):

@@ -78,9 +78,9 @@ uptime_s() {
 # KiB that programs could still get. Kernels that don't say so themselves: what is free, and what is cached.
 available_kib() {
   awk '/^(MemFree|Buffers|Cached|MemAvailable|Shmem):/ { kib[$1] = $2 }
-    END { said = "MemAvailable:" in kib
-      print said ? kib["MemAvailable:"]
-                 : kib["MemFree:"] + kib["Buffers:"] + kib["Cached:"] - kib["Shmem:"] }' /proc/meminfo
+    END { sum = kib["MemFree:"] + kib["Buffers:"] + kib["Cached:"] - kib["Shmem:"]
+      if ("MemAvailable:" in kib) sum = kib["MemAvailable:"]
+      print sum }' /proc/meminfo
 }
 
 # end_first PID: it is the one to be ended where the kernel ends one for lack of memory.
