@@ -53,6 +53,10 @@ int os_add_disk(struct os_disk *disk) OS_MUST_CHECK;
  * make-request function that are under way, older ones don't. So the caller has no lock to itself that
  * one of these takes, and they may still be under way afterwards. Context: sleep. */
 void os_del_gendisk(struct os_disk *disk);
+/* Waits until each request that came to this disk of ours before the call has ended, wherever it is by
+ * now; not for those that come meanwhile. 0, or -EAGAIN when that took longer than `ticks`.
+ * Context: sleep; the caller has no lock that a request needs to get on. */
+int os_disk_drain(struct os_disk *disk, uint64_t ticks) OS_MUST_CHECK;
 void os_cleanup_queue(struct os_queue *queue);
 void os_put_disk(struct os_disk *disk);
 

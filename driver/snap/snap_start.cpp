@@ -3,16 +3,18 @@
 //
 // The image is the disk at one instant:
 //   1. the COW files are made, sized and synced while everything runs;
-//   2. the file system on the filter is frozen, so that it is consistent and has no write under way;
-//   3. snap_rwlock is taken for writing at a moment when no request is in the filter's path and none
+//   2. each request that came to the filter before this is waited for, so that what was marked as written
+//      before the start is in the image;
+//   3. the file system on the filter is frozen, so that it is consistent and has no write under way;
+//   4. snap_rwlock is taken for writing at a moment when no request is in the filter's path and none
 //      came since the last look; it is tried, not waited for, so that a deadline holds;
-//   4. the snap becomes part of every later decision, at the tail of the filter's list if one that
+//   5. the snap becomes part of every later decision, at the tail of the filter's list if one that
 //      stands behind it runs already: the list is in the order of starts.
 // Lock and freeze go in every exit.
 //
-// Without a file system there may still be writes under way. What was sent to the disk before is in the
-// image: whoever reads or copies what it touches waits for its clone first. What waits in the COW queue
-// reaches the disk after this instant, and is preserved like any later write.
+// Without a file system there may still be writes under way that came after 2. What was sent to the disk
+// before the instant is in the image: whoever reads or copies what it touches waits for its clone first.
+// What waits in the COW queue reaches the disk after it, and is preserved like any later write.
 #include "driver/block/lifecycle.h"
 #include "driver/block/locks.h"
 #include "driver/module/log.h"
@@ -58,6 +60,15 @@ int time_out(const trak_device *filter) {
     trak_log(TRAK_LOG_ERROR, "%s(): Timed out waiting for FS on trak(%d, %d) (%s) to stabilize.",
              kName, trak_blk_major, filter->minor, filter->name);
     return -EAGAIN;
+}
+
+// Requests that came before the filter had a snap are in no tracker, and nothing later would wait for them.
+// The file system's writers go on meanwhile.
+int drain(const trak_device *filter, std::uint64_t deadline) {
+    const std::uint64_t now = os_jiffies();
+    if (now <= deadline && os_disk_drain(filter->disk, deadline - now) == 0)
+        return 0;
+    return time_out(filter);
 }
 
 void wait_a_little(const trak_device *filter) {
@@ -164,7 +175,9 @@ int trak_snap_start(trak_device *snap) {
     rc = make_files(&snap->snap);
     if (rc == 0) {
         trak_blkbmp_init(&snap->snap.blkbmp);
-        rc = take(snap, deadline);
+        rc = drain(snap->snap.filter, deadline);
+        if (rc == 0)
+            rc = take(snap, deadline);
     }
     if (rc != 0)
         snap_drop_files(snap);

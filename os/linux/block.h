@@ -11,6 +11,7 @@
 #include <compat_block.h>
 
 #include "os/disk.h"
+#include "os/linux/under_way.h"
 
 static inline struct bio *real_bio(const struct os_bio *bio) {
     return (struct bio *)bio;
@@ -24,12 +25,16 @@ static inline struct gendisk *real_disk(const struct os_disk *disk) {
     return (struct gendisk *)disk;
 }
 
-/* The pools that bios come from (bio.c), and the disks that the kernel still refers to (disk.c): 0 or a
- * negative errno at load; the exits wait until nothing of theirs is in use. Context: sleep. */
+/* The pools that bios come from (bio.c), those of the records of requests (stat.c), and the disks that the
+ * kernel still refers to (disk.c): 0 or a negative errno at load; the exits wait until nothing of theirs is
+ * in use. Context: sleep. */
 int trak_bio_init(void);
 void trak_bio_exit(void);
+int trak_stat_init(void);
+void trak_stat_exit(void);
 void trak_disk_exit(void);
-/* A request has come to a node; its end is counted too (stat.c). Context: any. */
-void trak_stat_start(struct bio *bio);
+/* A request has come to a node; its end is counted too (stat.c). Waits for memory rather than lose count.
+ * Context: sleep. */
+void trak_stat_start(struct bio *bio, struct trak_under_way *under_way);
 
 #endif

@@ -21,6 +21,7 @@
 struct node {
     const struct os_block_device_operations *ops;
     struct os_queue *queue; /* null until os_disk_set_queue */
+    struct trak_under_way under_way;
 };
 
 static atomic_t node_cnt = ATOMIC_INIT(0);
@@ -94,7 +95,7 @@ static void node_submit(struct bio *bio) {
     bio = bio_split_to_limits(bio);
     if (!bio)
         return;
-    trak_stat_start(bio);
+    trak_stat_start(bio, &node_of(bio->bi_bdev->bd_disk)->under_way);
     queue->make_request(queue, (struct os_bio *)bio);
 }
 
@@ -128,6 +129,7 @@ struct os_disk *os_alloc_disk(int minors) {
         kfree(node);
         return NULL;
     }
+    trak_under_way_init(&node->under_way);
     atomic_inc(&node_cnt);
     disk->minors = minors;
     disk->flags |= GENHD_FL_NO_PART;
@@ -175,6 +177,10 @@ int os_add_disk(struct os_disk *disk) {
 
 void os_del_gendisk(struct os_disk *disk) {
     del_gendisk(real_disk(disk));
+}
+
+int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
+    return trak_under_way_drain(&node_of(real_disk(disk))->under_way, ticks);
 }
 
 /* One that was never added has no free_disk called. */

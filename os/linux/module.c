@@ -28,11 +28,16 @@ static int __init trak_module_init(void) {
 
     if (rc != 0)
         return rc;
+    rc = trak_stat_init();
+    if (rc != 0)
+        goto no_stat;
     rc = trak_init();
-    if (rc != 0) {
-        trak_disk_exit();
-        trak_bio_exit();
-    }
+    if (rc == 0)
+        return 0;
+    trak_disk_exit();
+    trak_stat_exit();
+no_stat:
+    trak_bio_exit();
     return rc;
 }
 
@@ -40,6 +45,7 @@ static void __exit trak_module_exit(void) {
     while (trak_cleanup() != 0)
         schedule_timeout_uninterruptible(HZ);
     trak_disk_exit();
+    trak_stat_exit();
     trak_bio_exit();
 }
 

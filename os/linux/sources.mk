@@ -19,4 +19,5 @@ TRAK_GLUE := \
 	task.c \
 	time.c \
 	uaccess.c \
+	under_way.c \
 	wait.c

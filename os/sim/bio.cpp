@@ -64,6 +64,11 @@ os_bio *bio_make(std::uint32_t max_vecs, bool own, const void *caller) {
 void bio_end(os_bio *bio, int error) {
     bio->state = BioState::kEnded;
     bio->uptodate = error == 0;
+    for (; bio->depth != 0; bio->depth--) {
+        const auto &entry = bio->entered[bio->depth - 1];
+        mem_check(Kind::kDisk, entry.disk, "the end of a request to a disk");
+        entry.disk->under_way[entry.turn]--;
+    }
     if (bio->end_io)
         bio->end_io(bio, error);
 }

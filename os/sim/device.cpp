@@ -131,6 +131,10 @@ void start(os_bio *bio) {
     }
     os_queue *queue = disk->queue;
     const Depth before = depth_of(self());
+    if (bio->depth == kMaxStackedNodes)
+        fail("a bio passes through more than %u nodes", kMaxStackedNodes);
+    bio->entered[bio->depth++] = {disk, disk->turn};
+    disk->under_way[disk->turn]++;
     queue->calls++;
     (void)queue->make_request(queue, bio);
     if (--queue->calls == 0)

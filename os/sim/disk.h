@@ -20,6 +20,8 @@ enum class BioState : std::uint8_t {
     kEnded,
 };
 
+inline constexpr unsigned kMaxStackedNodes = 4;
+
 struct BadSectors {
     std::uint64_t first;
     std::uint64_t last;
@@ -49,6 +51,11 @@ struct os_bio {
     std::uint16_t idx;
     std::uint32_t vcnt;
     std::uint32_t max_vecs;
+    unsigned depth;  // nodes that it came to and has not ended on: the first `depth` of these
+    struct {
+        os_disk *disk;
+        unsigned turn;
+    } entered[sim::kMaxStackedNodes];
     os_bio_vec vecs[];
 };
 
@@ -76,6 +83,10 @@ struct os_disk {
     bool visible;
     bool gone;           // os_del_gendisk was called
     sim::Disk *machine;  // null: a node of the driver
+    // Requests that came and have not ended, by the turn in which they came.
+    unsigned under_way[2];
+    unsigned turn;
+    sim::Mutex drain_mutex;  // one drain at a time turns
 };
 
 struct os_bdev {

@@ -135,6 +135,29 @@ struct os_queue *os_disk_queue(const struct os_disk *disk) {
     return disk->queue;
 }
 
+// What timed out before may have left requests in the turn that begins: the second turn waits for them.
+int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
+    might_sleep("os_disk_drain");
+    check_waits_for(kByRequest, "os_disk_drain");
+    os_disk &d = checked(disk, "os_disk_drain");
+    const std::uint64_t deadline = os_jiffies() + ticks;
+    int rc = 0;
+    mutex_lock(d.drain_mutex, disk);
+    for (int turns = 0; turns < 2 && rc == 0; turns++) {
+        const unsigned before = d.turn;
+        d.turn ^= 1;
+        point();
+        while (d.under_way[before] != 0 && rc == 0) {
+            if (os_jiffies() > deadline)
+                rc = -EAGAIN;
+            else
+                sleep_ms(1);
+        }
+    }
+    mutex_unlock(d.drain_mutex);
+    return rc;
+}
+
 void os_queue_make_request(struct os_queue *queue, os_make_request_fn fn) {
     checked(queue, "os_queue_make_request").make_request = fn;
 }

@@ -144,6 +144,7 @@ bool os_bio_uptodate(const os_bio *bio) {
 
 void os_bio_endio(os_bio *bio, int error) {
     bio->uptodate = error == 0;
+    user::leave_nodes(bio);
     if (bio->end_io)
         bio->end_io(bio, error);
 }
@@ -171,6 +172,8 @@ void os_generic_make_request(os_bio *bio) {
         user::submit_to_backing(bdev, bio);
     else if (!queue || !queue->make_request)
         os_bio_endio(bio, -EIO);
+    else if (const int rc = user::enter_node(bio, bdev->disk))
+        os_bio_endio(bio, rc);
     else
         queue->make_request(queue, bio);
 }

@@ -31,6 +31,17 @@ struct Transfer : Operation {
     iovec bounce{};          // an aligned copy of the whole data, while it has one
 };
 
+// A node that a bio came to and has not ended on. A node may stand on another.
+struct Entry {
+    os_disk *disk;
+    unsigned turn;
+    Entry *outer;  // the node from which it was passed on; null: none
+};
+
+// Before a node gets the bio, which is counted there until it ends: 0 or -ENOMEM.
+int enter_node(os_bio *bio, os_disk *disk);
+void leave_nodes(os_bio *bio);
+
 }  // namespace user
 
 struct os_bio {
@@ -47,6 +58,8 @@ struct os_bio {
     os_bio_end_io_fn end_io = nullptr;
     os_bio_destructor_fn destructor = nullptr;
     user::Done program_done = nullptr;  // of a request that a program sent
+    user::Entry *entered = nullptr;     // the innermost
+    user::Entry outermost{};            // needs no memory of its own
     user::Transfer transfer;
 
     // max_vecs of each follow in the same memory.

@@ -107,6 +107,10 @@ struct os_disk {
     std::atomic<os_queue *> queue{nullptr};  // holds a use of it
     std::atomic<bool> read_only{false};
     bool added = false;  // under devices().mutex
+    // Requests that came to a node and have not ended, by the turn in which they came.
+    std::atomic<std::uint32_t> under_way[2]{};
+    std::atomic<unsigned> turn{0};
+    user::Mutex drain_mutex;  // one drain at a time turns
 };
 
 struct os_bdev {

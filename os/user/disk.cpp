@@ -2,9 +2,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "os/disk.h"
 
+#include <unistd.h>
+
 #include <cstdlib>
 #include <new>
 
+#include "os/time.h"
+#include "os/user/bio.h"
 #include "os/user/device.h"
 #include "os/user/mounts.h"
 #include "os/user/task.h"
@@ -51,6 +55,7 @@ bool is_real_block_major(std::uint32_t major) {
 namespace {
 
 constexpr std::uint32_t kLastBlockMajor = 511;
+constexpr useconds_t kDrainPollUs = 200;
 
 NodeInfo describe(os_dev_t dev, const os_disk *disk) {
     const os_queue *queue = disk->queue.load();
@@ -85,6 +90,26 @@ int node_info(os_dev_t dev, NodeInfo *info) {
         return -ENXIO;
     *info = describe(dev, found->second);
     return 0;
+}
+
+int enter_node(os_bio *bio, os_disk *disk) {
+    Entry *entry = bio->entered == nullptr ? &bio->outermost : new (std::nothrow) Entry;
+    if (entry == nullptr)
+        return -ENOMEM;
+    const unsigned turn = disk->turn.load();
+    disk->under_way[turn].fetch_add(1);
+    *entry = {disk, turn, bio->entered};
+    bio->entered = entry;
+    return 0;
+}
+
+void leave_nodes(os_bio *bio) {
+    while (Entry *entry = bio->entered) {
+        bio->entered = entry->outer;
+        entry->disk->under_way[entry->turn].fetch_sub(1);
+        if (entry != &bio->outermost)
+            delete entry;
+    }
 }
 
 void set_listener(Listener *listener) {
@@ -158,6 +183,23 @@ uint32_t os_disk_first_minor(const os_disk *disk) {
 
 os_queue *os_disk_queue(const os_disk *disk) {
     return disk->queue.load();
+}
+
+int os_disk_drain(os_disk *disk, uint64_t ticks) {
+    user::might_sleep("os_disk_drain");
+    const uint64_t deadline = os_jiffies() + ticks;
+    Guard held(disk->drain_mutex);
+    // Twice: a request may have read the turn just before it changed, and count in the one that is over.
+    for (int turns = 0; turns < 2; turns++) {
+        const unsigned before = disk->turn.fetch_xor(1);
+        while (disk->under_way[before].load() != 0) {
+            if (os_jiffies() > deadline)
+                return -EAGAIN;
+            os_yield();
+            usleep(user::kDrainPollUs);
+        }
+    }
+    return 0;
 }
 
 void os_queue_make_request(os_queue *queue, os_make_request_fn fn) {

@@ -1,6 +1,7 @@
 // tests/contract/disk_contract.cpp: what os/disk.h promises, on every platform
 // SPDX-License-Identifier: GPL-2.0-only
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstring>
 
@@ -25,20 +26,26 @@ struct Driver {
     bool in_submitter = true;
     os_task *submitter = nullptr;
     std::vector<unsigned char> bytes = std::vector<unsigned char>(kSectors * 512);
+    std::array<std::atomic<os_bio *>, 4> kept{};  // of keep_request
 };
-Driver *g_driver;
+
+Driver *driver_of(const os_disk *disk) {
+    return static_cast<Driver *>(os_queue_data(os_disk_queue(disk)));
+}
 
 int on_open(os_bdev *bdev, std::uint32_t) {
-    EXPECT_EQ(os_major(os_bdev_dev(bdev)), g_driver->major);
+    Driver *driver = driver_of(os_bdev_disk(bdev));
+    EXPECT_EQ(os_major(os_bdev_dev(bdev)), driver->major);
     EXPECT_FALSE(os_in_interrupt());
-    if (g_driver->open_result == 0)
-        g_driver->opens++;
-    return g_driver->open_result;
+    if (driver->open_result == 0)
+        driver->opens++;
+    return driver->open_result;
 }
 
 int on_release(os_disk *disk, std::uint32_t) {
-    EXPECT_EQ(disk, g_driver->disk);
-    g_driver->releases++;
+    Driver *driver = driver_of(disk);
+    EXPECT_EQ(disk, driver->disk);
+    driver->releases++;
     return 0;
 }
 
@@ -76,8 +83,30 @@ int stacked_request(os_queue *queue, os_bio *bio) {
     return 0;
 }
 
+// Keeps the bio, at the place that its sector names.
+int keep_request(os_queue *queue, os_bio *bio) {
+    auto *driver = static_cast<Driver *>(os_queue_data(queue));
+    driver->kept.at(os_bio_sector(bio)) = bio;
+    return 0;
+}
+
+// A program that writes the sector, and ends when the request has; it has come to the driver.
+Process *keep_one(Driver &driver, os_bdev *bdev, unsigned place) {
+    driver.kept.at(place) = nullptr;
+    Process *program = start([bdev, place] {
+        Bytes data(512);
+        EXPECT_EQ(request(bdev, OS_BIO_WRITE, place, data), 0);
+    });
+    EXPECT_TRUE(eventually([&driver, place] { return driver.kept.at(place).load() != nullptr; }));
+    return program;
+}
+
+void end_kept(Driver &driver, unsigned place, Process *program) {
+    os_bio_endio(driver.kept.at(place), 0);
+    join(program);
+}
+
 void set_up(Driver &driver, os_make_request_fn fn) {
-    g_driver = &driver;
     int major = os_register_blkdev(0, "contract");
     ASSERT_GT(major, 0);
     driver.major = static_cast<std::uint32_t>(major);
@@ -365,6 +394,89 @@ TEST(disk, discards_are_refused_where_the_limits_do_not_allow_them) {
         EXPECT_EQ(driver.requests, 0);
         close_device(bdev, kBoth);
         tear_down(driver);
+    });
+}
+
+TEST(disk, a_drain_waits_for_the_requests_that_came_before) {
+    run([] {
+        Driver driver;
+        set_up(driver, keep_request);
+        EXPECT_EQ(os_disk_drain(driver.disk, 0), 0);
+        int err = 0;
+        os_bdev *bdev = open_device(dev_of(driver), kBoth, &err);
+        ASSERT_NE(bdev, nullptr) << err;
+        Process *first = keep_one(driver, bdev, 0);
+        Process *second = keep_one(driver, bdev, 1);
+        EXPECT_EQ(os_disk_drain(driver.disk, 20), -EAGAIN);
+        end_kept(driver, 1, second);
+        EXPECT_EQ(os_disk_drain(driver.disk, 20), -EAGAIN);
+        std::atomic<bool> drained{false};
+        Process *drainer = start([&] {
+            EXPECT_EQ(os_disk_drain(driver.disk, 3600000), 0);
+            drained = true;
+        });
+        linger();
+        EXPECT_FALSE(drained);
+        end_kept(driver, 0, first);
+        join(drainer);
+        EXPECT_TRUE(drained);
+        close_device(bdev, kBoth);
+        tear_down(driver);
+    });
+}
+
+TEST(disk, a_drain_does_not_wait_for_requests_that_come_meanwhile) {
+    run([] {
+        Driver driver;
+        set_up(driver, keep_request);
+        int err = 0;
+        os_bdev *bdev = open_device(dev_of(driver), kBoth, &err);
+        ASSERT_NE(bdev, nullptr) << err;
+        Process *programs[2] = {keep_one(driver, bdev, 0), nullptr};
+        std::atomic<bool> drained{false};
+        Process *drainer = start([&] {
+            EXPECT_EQ(os_disk_drain(driver.disk, 3600000), 0);
+            drained = true;
+        });
+        // At no moment is nothing under way.
+        unsigned i = 0;
+        for (; !drained && i < 100000; i++) {
+            programs[(i + 1) % 2] = keep_one(driver, bdev, (i + 1) % 2);
+            end_kept(driver, i % 2, programs[i % 2]);
+        }
+        EXPECT_TRUE(drained);
+        end_kept(driver, i % 2, programs[i % 2]);
+        join(drainer);
+        close_device(bdev, kBoth);
+        tear_down(driver);
+    });
+}
+
+TEST(disk, a_request_passed_on_counts_in_each_disk_until_it_ends) {
+    run([] {
+        Driver below, above;
+        set_up(below, keep_request);
+        below.submitter = above.submitter = os_current();
+        above.below = os_open_by_devnum(dev_of(below), kBoth);
+        ASSERT_FALSE(os_is_err(above.below));
+        set_up(above, stacked_request);
+        int err = 0;
+        os_bdev *bdev = open_device(dev_of(above), kBoth, &err);
+        ASSERT_NE(bdev, nullptr) << err;
+        Process *program = start([bdev] {
+            Bytes data(512);
+            EXPECT_EQ(request(bdev, OS_BIO_WRITE, 2, data), 0);
+        });
+        EXPECT_TRUE(eventually([&] { return below.kept[2].load() != nullptr; }));
+        EXPECT_EQ(os_disk_drain(above.disk, 20), -EAGAIN);
+        EXPECT_EQ(os_disk_drain(below.disk, 20), -EAGAIN);
+        end_kept(below, 2, program);
+        EXPECT_EQ(os_disk_drain(above.disk, 0), 0);
+        EXPECT_EQ(os_disk_drain(below.disk, 0), 0);
+        close_device(bdev, kBoth);
+        tear_down(above);
+        os_blkdev_put(above.below, kBoth);
+        tear_down(below);
     });
 }
 

@@ -1,5 +1,6 @@
 // tests/unit/snap/snap_start_test.cpp: the start of a snapshot
 // SPDX-License-Identifier: GPL-2.0-only
+#include "os/time.h"
 #include "tests/support/snap_world.h"
 
 using namespace snap_world;
@@ -260,6 +261,59 @@ TEST(snap_start, busy_filter_times_it_out_after_a_minute) {
         4);
 }
 
+TEST(snap_start, write_that_came_before_the_filter_had_a_snap_is_in_the_image) {
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        Machine machine;
+        prepare(machine);
+        sim::Options options;
+        options.seed = seed;
+        boot(
+            machine,
+            [&] {
+                make_clean_filter();
+                os_bdev *bdev = open_node(0);
+                machine.disk.hold(true);
+                sim::Request *write = sim::start_request(bdev, OS_BIO_WRITE, 8, Bytes(4096, 0xee));
+                ASSERT_EQ(add_snap(1), 0);
+                bool done = false;
+                sim::Process *starter = sim::spawn("starter", [&] {
+                    EXPECT_EQ(start(1), 0);
+                    done = true;
+                });
+                sim::sleep_ms(100);
+                EXPECT_FALSE(done);
+                machine.disk.hold(false);
+                sim::join(starter);
+                EXPECT_TRUE(sim::request_done(write));
+                EXPECT_BYTES(contents(1, 8, 8), Bytes(4096, 0xee));
+                EXPECT_EQ(sim::wait_request(write, nullptr), 0);
+                sim::close_device(bdev);
+            },
+            1, options);
+    }
+}
+
+TEST(snap_start, stalled_disk_times_it_out_after_a_minute) {
+    with_snap(
+        [](Machine &machine) {
+            os_bdev *bdev = open_node(0);
+            machine.disk.hold(true);
+            sim::Request *write = sim::start_request(bdev, OS_BIO_WRITE, 8, Bytes(4096, 0xee));
+            const std::uint64_t began = os_jiffies();
+            EXPECT_EQ(start(1), -EAGAIN);
+            EXPECT_GE(os_jiffies() - began, 60000u);
+            EXPECT_TRUE(logged_error(
+                kStart + "Timed out waiting for FS on trak(100, 0) (trak0) to stabilize."));
+            expect_not_started(machine);
+            machine.disk.hold(false);
+            EXPECT_EQ(sim::wait_request(write, nullptr), 0);
+            EXPECT_EQ(start(1), 0);
+            EXPECT_BYTES(contents(1, 8, 8), Bytes(4096, 0xee));
+            sim::close_device(bdev);
+        },
+        1);
+}
+
 TEST(snap_start, comes_through_under_full_load) {
     for (std::uint64_t seed = 1; seed <= 10; ++seed) {
         Machine machine;
@@ -334,12 +388,16 @@ TEST(snap_start, requests_that_an_earlier_life_tagged_lose_their_tag) {
         EXPECT_EQ(sim::wait_request(head, nullptr), 0);
         EXPECT_EQ(sim::wait_request(next, nullptr), 0);
 
-        // A request of that tag in the queue of a filter whose thread can't take it away.
+        // A request of that tag in the queue of a filter whose thread can't take it away. What came before
+        // the start would be waited for: these come when the file system is frozen.
         ASSERT_EQ(start(1), 0);
-        machine.disk.hold(true);
-        head = sim::start_request(bdev, OS_BIO_WRITE, 0, Bytes(4096));
-        next = sim::start_request(bdev, OS_BIO_WRITE, 64, Bytes(4096));
-        trak_container_of(queue.requests.prev, cow_request, link)->snap_minor = 2;
+        sim::on_freeze(node_dev(0), [&] {
+            machine.disk.hold(true);
+            head = sim::start_request(bdev, OS_BIO_WRITE, 0, Bytes(4096));
+            next = sim::start_request(bdev, OS_BIO_WRITE, 64, Bytes(4096));
+            ASSERT_EQ(queue.cnt.load(), 2);
+            trak_container_of(queue.requests.prev, cow_request, link)->snap_minor = 2;
+        });
         sim::Process *starter = sim::spawn("starter", [] { EXPECT_EQ(start(2), 0); });
         sim::wait_until([] { return is_started(2); });
         EXPECT_EQ(trak_container_of(queue.requests.prev, cow_request, link)->snap_minor,

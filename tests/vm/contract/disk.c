@@ -155,12 +155,58 @@ static void a_device_without_a_file_system_freezes_to_nothing(void) {
     memory_disk_remove(&one);
 }
 
+static void drain_one(void *rc) {
+    WRITE_ONCE(*(int *)rc, os_disk_drain(one.disk, 3600000));
+}
+
+/* One write is kept under way, another one comes and ends. */
+static void drain_around(struct os_bdev *bdev) {
+    struct contract_thread drainer;
+    int rc = 1;
+
+    EXPECT(os_disk_drain(one.disk, 50) == -EAGAIN);
+    if (EXPECT(contract_start(&drainer, drain_one, &rc) > 0)) {
+        EXPECT(move_page(bdev, OS_BIO_WRITE, 8, buffer) == 0);
+        EXPECT(os_disk_drain(one.disk, 50) == -EAGAIN);
+        EXPECT(READ_ONCE(rc) == 1);
+        os_bio_endio(one.kept, 0);
+        contract_join(&drainer);
+        EXPECT(rc == 0);
+    }
+    EXPECT(os_disk_drain(one.disk, 0) == 0);
+}
+
+static void a_drain_waits_for_the_requests_that_came_before(void) {
+    struct os_page *page = os_alloc_page(OS_GFP_KERNEL);
+    struct os_bdev *bdev;
+    struct os_bio *bio;
+
+    ASSERT(page && memory_disk_make(&one, "trakone"));
+    EXPECT(os_disk_drain(one.disk, 0) == 0);
+    bdev = os_open_by_devnum(one.dev, both);
+    if (EXPECT(!os_is_err(bdev))) {
+        bio = os_bio_alloc(OS_GFP_KERNEL, 1);
+        if (EXPECT(bio && os_bio_add_page(bio, page, OS_PAGE_SIZE, 0))) {
+            os_bio_set_bdev(bio, bdev);
+            one.keep = true;
+            os_submit_bio(OS_BIO_WRITE, bio);
+            if (EXPECT(one.kept))
+                drain_around(bdev);
+            os_bio_put(bio);
+        }
+        os_blkdev_put(bdev, both);
+    }
+    memory_disk_remove(&one);
+    os_free_page(page);
+}
+
 const struct contract_test disk_tests[] = {
     CONTRACT(disk, opens_and_releases_reach_the_driver_and_are_counted),
     CONTRACT(disk, the_drivers_error_reaches_who_opens),
     CONTRACT(disk, a_disk_that_was_never_added_is_given_back),
     CONTRACT(disk, a_stacked_disk_passes_requests_through),
     CONTRACT(disk, a_disk_that_is_opened_for_writing_is_claimed),
+    CONTRACT(disk, a_drain_waits_for_the_requests_that_came_before),
     CONTRACT(disk, a_device_without_a_file_system_freezes_to_nothing),
     {},
 };

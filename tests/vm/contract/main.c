@@ -37,6 +37,11 @@ static int __init contract_init(void) {
 
     if (rc)
         return rc;
+    rc = trak_stat_init();
+    if (rc) {
+        trak_bio_exit();
+        return rc;
+    }
     for (i = 0; i < ARRAY_SIZE(suites); i++) {
         for (test = suites[i]; test->name; test++) {
             all++;
@@ -49,6 +54,7 @@ static int __init contract_init(void) {
 
 static void __exit contract_exit(void) {
     trak_disk_exit();
+    trak_stat_exit();
     trak_bio_exit();
 }
 

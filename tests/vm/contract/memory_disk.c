@@ -56,6 +56,11 @@ static int take_request(struct os_queue *queue, struct os_bio *bio) {
     disk->requests++;
     disk->total += os_bio_size(bio);
     disk->largest = max(disk->largest, os_bio_size(bio));
+    if (disk->keep) {
+        disk->keep = false;
+        disk->kept = bio;
+        return 0;
+    }
     if (disk->redirect) {
         os_bio_set_bdev(bio, disk->redirect);
         os_generic_make_request(bio);

@@ -21,6 +21,8 @@ struct memory_disk {
     uint32_t largest;         /* request, bytes */
     uint64_t total;           /* bytes asked for */
     struct os_bdev *redirect; /* null, or the device that requests are passed to */
+    bool keep;                /* the next request stays under way, in `kept` */
+    struct os_bio *kept;
 };
 
 /* One at a time for each place. False: nothing is left over. */

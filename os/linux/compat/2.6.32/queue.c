@@ -17,12 +17,13 @@ struct node_queue {
     os_make_request_fn make_request;
     os_unplug_fn unplug;
     void *data;
+    struct trak_under_way under_way;
 };
 
 static int node_make_request(struct request_queue *q, struct bio *bio) {
     struct node_queue *node = q->queuedata;
 
-    trak_stat_start(bio);
+    trak_stat_start(bio, &node->under_way);
     node->make_request((struct os_queue *)q, (struct os_bio *)bio);
     return 0; /* anything else asks the kernel to submit it again */
 }
@@ -51,6 +52,7 @@ struct os_queue *os_alloc_queue(os_gfp gfp) {
     blk_queue_make_request(q, node_make_request);
     q->unplug_fn = node_unplug;
     q->queuedata = node;
+    trak_under_way_init(&node->under_way);
     return (struct os_queue *)q;
 }
 
@@ -59,6 +61,10 @@ void os_cleanup_queue(struct os_queue *queue) {
 
     blk_cleanup_queue(real_queue(queue));
     kfree(node);
+}
+
+int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
+    return trak_under_way_drain(&node_of(os_disk_queue(disk))->under_way, ticks);
 }
 
 void os_queue_make_request(struct os_queue *queue, os_make_request_fn fn) {
