@@ -107,8 +107,9 @@ int run(int argc, const char *const *argv, const World &world) {
         return dispatch(request, world, events);
     } catch (const Failure &failure) {
         events.error(failure.text);
-    } catch (const Interrupted &) {
-        events.error("interrupted; nothing is left half-done");
+    } catch (const Interrupted &interrupt) {
+        events.error("interrupted; " +
+                     (interrupt.left.empty() ? "nothing is left half-done" : interrupt.left));
         return status_interrupted;
     } catch (const std::exception &error) {
         events.error(error.what());

@@ -17,14 +17,15 @@ namespace {
 constexpr uint64_t default_sample = 4096;
 
 AuditOutcome audit_snapshot(const Context &c, const AuditOptions &o, const Store &store,
-                            const FilterNode &filter, const RunRecord &record,
-                            const Manifest &base) {
+                            const FilterNode &filter, const RunRecord &record, const Manifest &base,
+                            CowRoom &room) {
     uint32_t chunk_size =
         filter.snaps.empty() ? o.chunk_size : c.driver.snap(filter.snaps.front()).chunk_size;
     uint32_t minor =
         c.driver.make_snap(filter, chunk_size, record.snap_uuid, record.cow_bmp, record.cow_data);
     c.steps.at("snap-made");
     c.driver.start_snap(minor);
+    room.begin();
     c.steps.at("frozen");
     // What was written since the base was made, up to the freeze, stands in the map.
     Map changed = c.driver.read_map(filter.id.minor, MapType::incr);
@@ -44,6 +45,7 @@ AuditOutcome audit_snapshot(const Context &c, const AuditOptions &o, const Store
     job.sample = o.all ? 0 : o.sample > 0 ? static_cast<uint64_t>(o.sample) : default_sample;
     job.turn = [&](uint64_t done, uint64_t total) {
         check_interrupt();
+        room.look(done, total);
         c.events.progress("audit", done, total, false);
     };
     AuditOutcome outcome = audit_blocks(job);
@@ -79,7 +81,7 @@ int make_audit(const Context &c, const AuditOptions &o) {
     AuditOutcome outcome;
     try {
         c.steps.at("recorded");
-        outcome = audit_snapshot(c, o, store, filter, record, *base);
+        outcome = audit_snapshot(c, o, store, filter, record, *base, room);
     } catch (...) {
         try {
             settle_run(c, store, filter);

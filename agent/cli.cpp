@@ -39,6 +39,21 @@ void add_node(CLI::App &app, Request &request) {
         ->type_name("SIZE");
 }
 
+// For tests: hidden.
+void add_steps(CLI::App &app, Request &request) {
+    auto *stop =
+        app.add_option("--stop-at", request.stop_at)->envname("TRAK_BACKUP_STOP_AT")->group("");
+    auto *kill =
+        app.add_option("--kill-at", request.kill_at)->envname("TRAK_BACKUP_KILL_AT")->group("");
+    CLI::Validator step(
+        [](const std::string &text) {
+            return is_step(text) ? "" : "\"" + text + "\" is no step: --list-steps shows them";
+        },
+        "STEP");
+    stop->check(step);
+    kill->check(step);
+}
+
 void add_backup(CLI::App &app, Request &request, Verb verb, const char *name, const char *help) {
     auto *sub = add_verb(app, request, verb, name, help);
     add_node(*sub, request);
@@ -50,17 +65,7 @@ void add_backup(CLI::App &app, Request &request, Verb verb, const char *name, co
                         "unchanged blocks to compare with the chain; 0: none")
             ->check(CLI::Range(int64_t{0}, int64_t{1} << 40))
             ->type_name("N");
-    auto *stop =
-        sub->add_option("--stop-at", request.stop_at)->envname("TRAK_BACKUP_STOP_AT")->group("");
-    auto *kill =
-        sub->add_option("--kill-at", request.kill_at)->envname("TRAK_BACKUP_KILL_AT")->group("");
-    CLI::Validator step(
-        [](const std::string &text) {
-            return is_step(text) ? "" : "\"" + text + "\" is no step: --list-steps shows them";
-        },
-        "STEP");
-    stop->check(step);
-    kill->check(step);
+    add_steps(*sub, request);
 }
 
 void add_readers(CLI::App &app, Request &request) {
@@ -85,6 +90,7 @@ void add_others(CLI::App &app, Request &request) {
                            "compare what no map calls changed with the chain");
     add_node(*audit, request);
     add_store(*audit, request);
+    add_steps(*audit, request);
     audit->add_flag("--all", request.all, "all of it, not a sample");
     audit->add_option("--sample", request.audit_sample, "blocks to compare (default: 4096)")
         ->check(CLI::Range(int64_t{1}, int64_t{1} << 40))

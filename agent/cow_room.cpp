@@ -51,7 +51,9 @@ void CowRoom::look(uint64_t done, uint64_t total) {
     double copying = std::chrono::duration<double>(now - begun_).count();
     double needed =
         done > 0 ? copying * static_cast<double>(total - done) / static_cast<double>(done) : 0;
-    if ((lasts > 60 && lasts > needed * 1.5) || (told_ >= 0 && lasts > told_ / 2))
+    // The image may grow in the same file system: only what may be short is told.
+    bool enough = done > 0 ? lasts > needed * 2 : lasts > 60;
+    if (enough || (told_ >= 0 && lasts > told_ / 2))
         return;
     told_ = lasts;
     events_.say("cow-space", {{"free", room}, {"lasts", lasts}, {"needed", needed}}, "");

@@ -17,8 +17,9 @@ class CowRoom {
     const std::string &folder() const { return folder_; }
     // The copy begins now.
     void begin();
-    // At most once a second: looks how fast the room is used up. Where it may not last as long as
-    // the copy, or not a minute, says how long it lasts; again when it is half as much.
+    // At most once a second: looks how fast the room is used up, by whomever. Where it may not last
+    // twice as long as the copy (as long as nothing is copied: not a minute), says how long it
+    // lasts; again when it is half as much.
     void look(uint64_t done, uint64_t total);
 
   private:

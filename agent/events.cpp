@@ -71,6 +71,30 @@ void Events::error(const std::string &text) {
     *err << "trak-backup: " << text << std::endl;
 }
 
+// Shorter than `columns`: a line that is as long as the terminal is wide may be wrapped. What tells
+// least is left out first.
+std::string bar_text(const char *phase, double share, unsigned columns, uint64_t done,
+                     uint64_t total, double rate, double left) {
+    std::string percent = fmt::format(" {:3.0f}%", share * 100),
+                speed = size_text(static_cast<uint64_t>(rate)) + "/s",
+                rest = duration_text(left) + " left", head = fmt::format("{:<9}", phase);
+    std::string tail =
+        fmt::format("{} {} of {}, {}, {}", percent, size_text(done), size_text(total), speed, rest);
+    constexpr size_t least_bar = 6, most_bar = 40;
+    if (head.size() + tail.size() + least_bar + 2 < columns) {
+        size_t width = std::min(most_bar, columns - 1 - head.size() - tail.size() - 2);
+        auto filled = static_cast<size_t>(share * static_cast<double>(width));
+        return fmt::format("{}[{}{}]{}", head, std::string(filled, '='),
+                           std::string(width - filled, ' '), tail);
+    }
+    for (const std::string &text :
+         {head + tail, fmt::format("{}{} {}, {}", head, percent, speed, rest),
+          fmt::format("{}{} {}", head, percent, rest)})
+        if (text.size() < columns)
+            return text;
+    return (head + percent).substr(0, columns > 0 ? columns - 1 : 0);
+}
+
 void Events::progress(const char *phase, uint64_t done, uint64_t total, bool last) {
     auto now = Clock::now();
     if (phase_ != phase) {
@@ -93,15 +117,7 @@ void Events::progress(const char *phase, uint64_t done, uint64_t total, bool las
         return;
     }
     double share = total > 0 ? static_cast<double>(done) / static_cast<double>(total) : 1;
-    std::string tail =
-        fmt::format(" {:3.0f}% {} of {}, {}/s, {} left", share * 100, size_text(done),
-                    size_text(total), size_text(static_cast<uint64_t>(rate)), duration_text(left));
-    unsigned width = columns > tail.size() + 20
-                         ? std::min<unsigned>(40, columns - static_cast<unsigned>(tail.size()) - 14)
-                         : 0;
-    auto filled = static_cast<unsigned>(share * width);
-    *err << fmt::format("\r{:<9}[{}{}]{}\033[K", phase, std::string(filled, '='),
-                        std::string(width - filled, ' '), tail)
+    *err << '\r' << bar_text(phase, share, columns, done, total, rate, left) << "\033[K"
          << std::flush;
     bar_ = true;
     if (last)

@@ -37,6 +37,9 @@ class Events {
 };
 
 std::string size_text(uint64_t bytes);
+// One line of the progress bar; `left`: seconds, `rate`: bytes a second.
+std::string bar_text(const char *phase, double share, unsigned columns, uint64_t done,
+                     uint64_t total, double rate, double left);
 std::string duration_text(double seconds);
 
 // Set by SIGINT and SIGTERM. check_interrupt() throws Interrupted once it is.

@@ -15,7 +15,9 @@ struct Failure {
 };
 
 // SIGINT or SIGTERM was seen; everything is taken back as after a failure.
-struct Interrupted {};
+struct Interrupted {
+    std::string left;  // what could not be taken back, as a sentence; empty: nothing
+};
 
 // Exit statuses of the program.
 enum Status { status_ok = 0, status_failed = 1, status_usage = 2, status_interrupted = 130 };

@@ -40,13 +40,21 @@ class Target {
             unlink(partial_.c_str());
     }
 
+    // Why it is worth nothing when the restore ends before finish(): a file is taken back, a disk
+    // is not. Empty: nothing was written.
+    std::string harm() const {
+        return touched_ ? fmt::format("{} is overwritten in part: restore it again", path_) : "";
+    }
+
     void data(uint64_t offset, const uint8_t *bytes, size_t size) {
+        touched_ = disk_;
         files::write_at(fd_.get(), bytes, size, offset, path_);
     }
 
     void zeros(uint64_t offset, uint64_t size) {
         if (!disk_)
             return;  // a new file holds nothing else
+        touched_ = true;
         uint64_t range[2] = {offset, size};
         if (ioctl(fd_.get(), BLKZEROOUT, range) == 0)
             return;
@@ -88,18 +96,11 @@ class Target {
     std::string path_, partial_;
     files::Fd fd_;
     uint64_t size_;
-    bool disk_ = false;
+    bool disk_ = false, touched_ = false;
 };
 
-}  // namespace
-
-int restore(ImageTool &images, Events &events, const RestoreOptions &options) {
-    Store store(options.store, Store::existing);
-    files::Fd lock = store.lock_for_reading();
-    if (!store.head_fault().empty())
-        events.notice(store.head_fault());
-    const Manifest &point = store.point(options.point);
-    Target target(options, point.node.size);
+PointOutcome write_point(ImageTool &images, Events &events, const Store &store,
+                         const Manifest &point, Target &target) {
     PointJob job;
     job.images = &images;
     job.store = &store;
@@ -114,14 +115,39 @@ int restore(ImageTool &images, Events &events, const RestoreOptions &options) {
     };
     PointOutcome outcome = read_point(job);
     events.progress("restore", point.node.size, point.node.size, true);
+    return outcome;
+}
+
+}  // namespace
+
+int restore(ImageTool &images, Events &events, const RestoreOptions &options) {
+    Store store(options.store, Store::existing);
+    files::Fd lock = store.lock_for_reading();
+    if (!store.head_fault().empty())
+        events.notice(store.head_fault());
+    const Manifest &point = store.point(options.point);
+    Target target(options, point.node.size);
+    PointOutcome outcome;
+    try {
+        outcome = write_point(images, events, store, point, target);
+    } catch (const Interrupted &) {
+        throw Interrupted{target.harm()};
+    } catch (const Failure &failure) {
+        if (target.harm().empty())
+            throw;
+        throw Failure(fmt::format("{}; {}", failure.text, target.harm()), failure.error);
+    }
     if (outcome.blocks_wrong > 0) {
         std::string text =
             fmt::format("{} blocks of {} are not what was backed up (extents {}{})",
                         outcome.blocks_wrong, point.id, extent_names(outcome.extents),
                         outcome.extents.size() == 64 ? " and more" : "");
+        std::string harm = target.harm().empty() ? "" : "; " + target.harm();
         if (!options.keep_going)
-            throw Failure(text + ": \"trak-backup verify\" names the damaged file; --keep-going "
-                                 "restores what there is");
+            throw Failure(text +
+                          ": \"trak-backup verify\" names the damaged file; --keep-going "
+                          "restores what there is" +
+                          harm);
         events.notice(text);
     }
     target.finish();

@@ -7,6 +7,7 @@ and what each wrote is synced within its time.
 import json
 import os
 import random
+import resource
 import shutil
 import statistics
 import subprocess
@@ -55,9 +56,22 @@ def forget(path):
         os.close(fd)
 
 
-def timed(image, *words, out=None):
-    """Seconds of a command, with the sync of what it wrote."""
+def used_by(pid):
+    """Processor seconds of a process so far."""
+    with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def used_by_children():
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+def timed(image, *words, out=None, daemon=None):
+    """Seconds of a command, with the sync of what it wrote; processor seconds, with the daemon's."""
     forget(image)
+    cpu = -used_by_children() - (used_by(daemon.process.pid) if daemon else 0)
     begun = time.monotonic()
     process = subprocess.Popen(words, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
     memory = Memory(process.pid)
@@ -74,8 +88,9 @@ def timed(image, *words, out=None):
         raise Failed(f"{words} ended with {process.returncode}: {said[-2000:]}")
     if out:
         run("sync", out, timeout=LIMIT)
-    return {"seconds": time.monotonic() - begun, "own_kib": memory.own,
-            "children_kib": memory.children}
+    seconds = time.monotonic() - begun
+    cpu += used_by_children() + (used_by(daemon.process.pid) if daemon else 0)
+    return {"seconds": seconds, "cpu": cpu, "own_kib": memory.own, "children_kib": memory.children}
 
 
 def half_full(machine, size):
@@ -105,7 +120,7 @@ class Disk:
 
     def agent(self, kind):
         one = timed(self.image, BACKUP, "--root", self.daemon.root, kind, "--disk", "0", "--store",
-                    self.store)
+                    self.store, daemon=self.daemon)
         said = run(BACKUP, "list", "--store", self.store, "--json").out.splitlines()
         last = json.loads(said[-1])
         if last["kind"] != kind:
@@ -160,18 +175,20 @@ def part(machine, rounds, mib):
 
 
 def table(results, mib):
-    lines = [f"| {mib} MiB, half full | seconds | MiB read | of the map | times as long as trak-backup "
-             "| peak MiB | of its children |", "|---|---|---|---|---|---|---|"]
-    base = 1.0
+    lines = [f"| {mib} MiB, half full | seconds | times as long as trak-backup | CPU seconds | MiB read "
+             "| of the map | peak MiB | of its children |", "|---|---|---|---|---|---|---|---|"]
+    base = []
     for name, rounds in results.items():
         def middle(key, of=rounds):
             return statistics.median(one[key] for one in of)
         if name.startswith("trak"):
-            base = middle("seconds")
+            base = rounds
             ratio = f"{middle('read') / max(middle('mapped'), 1):.3f}"
         else:
             ratio = ""
-        lines.append(f"| {name} | {middle('seconds'):.1f} | {middle('read') / MIB:.0f} | {ratio} | "
-                     f"{middle('seconds') / base:.2f} | {middle('own_kib') / 1024:.0f} | "
+        times = statistics.median(one["seconds"] / ours["seconds"]
+                                  for one, ours in zip(rounds, base))
+        lines.append(f"| {name} | {middle('seconds'):.1f} | {times:.2f} | {middle('cpu'):.1f} | "
+                     f"{middle('read') / MIB:.0f} | {ratio} | {middle('own_kib') / 1024:.0f} | "
                      f"{middle('children_kib') / 1024:.0f} |")
     return "\n".join(lines)
