@@ -16,7 +16,7 @@ import time
 
 import vm_kernels
 from vm_initramfs import Initramfs
-from vm_machine import QEMU, Machine, Timeout, console_in, faults_in, least_stack
+from vm_machine import QEMU, Machine, Timeout, console_in, faults_in, least_stack, without_tasks
 from vm_report import CannotRun, Report, in_ci, note, warn
 from vm_suites import BIN, HERE, SUITES
 from vm_tree import Tree
@@ -159,7 +159,7 @@ def false_start(console):
 
 
 def tail(text):
-    return "\n".join(text.partition("\n--- tasks")[0].splitlines()[-60:])
+    return "\n".join(without_tasks(text).splitlines()[-60:])
 
 
 def machine_of(kernel, suite, disks, words):

@@ -124,6 +124,11 @@ def console_in(folder):
         return ""
 
 
+def without_tasks(console):
+    """What came before the list of all tasks, which is one of backtraces."""
+    return re.split(r"SysRq : Show State\s*$", console, maxsplit=1, flags=re.MULTILINE)[0]
+
+
 def without_provoked(lines, provoked):
     """The lines but for reports that a test is known to provoke: provoked has a regular expression for
     the first lines of such a report by the test's name. One that names a function of ours stays."""
@@ -164,9 +169,7 @@ def faults_in(console, allowed=None, provoked=None):
     or nothing. allowed: a regular expression for lines that a suite provokes; provoked: as
     without_provoked has it."""
     _, mark, after = console.partition("\n--- init")
-    # A list of tasks that was asked for is one of backtraces.
-    after = after.partition("\n--- tasks")[0]
-    lines = without_provoked((after if mark else console).splitlines(), provoked or {})
+    lines = without_provoked(without_tasks(after if mark else console).splitlines(), provoked or {})
     for number, line in enumerate(lines):
         if BAD.search(line) and not (allowed and re.search(allowed, line)):
             return "\n".join(lines[max(0, number - 5):number + 40])

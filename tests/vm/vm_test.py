@@ -121,7 +121,8 @@ class KernelLogs(unittest.TestCase):
 
     def test_the_least_of_all_stacks_is_found_and_its_list_is_no_fault(self):
         log = ("[1.0] sh used greatest stack depth: 4056 bytes left\n--- init\n"
-               "[2.0] trakctl used greatest stack depth: 3800 bytes left\n--- tasks\n"
+               "[2.0] trakctl used greatest stack depth: 3800 bytes left\n"
+               "[2.9] SysRq : Show State\n"
                "[3.0] init          R  running task     5176     1      0 0x00000000\n"
                "[3.1] kjournald     S ffffffff8104a1c0  3504   301      2 0x00000000\n"
                "[3.2] Call Trace:\n")

@@ -49,10 +49,7 @@ else
   else
     echo "not ok ${suite:-none}.kernel_is_not_tainted: $tainted" >&3
   fi
-  if [ -n "${stacks:-}" ]; then
-    echo "--- tasks"
-    echo t >/proc/sysrq-trigger
-  fi
+  [ -z "${stacks:-}" ] || echo t >/proc/sysrq-trigger
   echo end >&3
 fi
 sync
