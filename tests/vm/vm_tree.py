@@ -14,7 +14,8 @@ TOP = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), 
 OPTIONS = {
     "crc32c_generic": "LIBCRC32C", "virtio_pci": "VIRTIO_PCI", "virtio_blk": "VIRTIO_BLK",
     "ext2": "EXT2_FS", "ext3": "EXT3_FS", "ext4": "EXT4_FS", "xfs": "XFS_FS", "reiserfs": "REISERFS_FS",
-    "dm_mod": "BLK_DEV_DM", "dm_flakey": "DM_FLAKEY", "null_blk": "BLK_DEV_NULL_BLK",
+    "dm_mod": "BLK_DEV_DM", "dm_flakey": "DM_FLAKEY", "dm_era": "DM_ERA", "dm_snapshot": "DM_SNAPSHOT",
+    "brd": "BLK_DEV_RAM", "null_blk": "BLK_DEV_NULL_BLK",
 }
 
 

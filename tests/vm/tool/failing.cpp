@@ -5,8 +5,10 @@
 // many bytes ("space"). A step is repeated with more and more of them, until nothing is left in it that could
 // fail: then each of its allocations has failed once, but for small ones late in long steps.
 //
-// Left out is the creation of a snap where memory lacks: it is known to leave the node table locked
-// (docs/compatibility.md).
+// Left out where memory lacks is the creation of nodes. That of a snap is known to leave the node table locked
+// (docs/compatibility.md). That of a filter makes a disk and slab caches: add_disk of kernels before 5.15
+// takes no failure, and SLUB of 2.6.32 takes a cache that sysfs has no place for out of its list after having
+// freed it; both end the guest.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -406,6 +408,8 @@ int failing(const Words &words) {
     unsigned all = 0;
     clear_away(node);
     for (const Step &step : kSteps) {
+        if (step.run == add_filter && words[0] != "fail_make_request")
+            continue;
         std::map<std::string, unsigned> tally;
         std::uint64_t space = 1;
         unsigned places = 0;
