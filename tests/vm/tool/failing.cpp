@@ -5,10 +5,10 @@
 // many bytes ("space"). A step is repeated with more and more of them, until nothing is left in it that could
 // fail: then each of its allocations has failed once, but for small ones late in long steps.
 //
-// Left out where memory lacks is the creation of nodes. That of a snap is known to leave the node table locked
-// (docs/compatibility.md). That of a filter makes a disk and slab caches: add_disk of kernels before 5.15
-// takes no failure, and SLUB of 2.6.32 takes a cache that sysfs has no place for out of its list after having
-// freed it; both end the guest.
+// Left out where memory lacks is the creation of nodes. That of a snap is known to leave the node table
+// locked (docs/compatibility.md). That of a filter makes a disk and slab caches: add_disk of kernels before
+// 5.15 takes no failure, and SLUB of 2.6.32 takes a cache that sysfs has no place for out of its list after
+// having freed it; both end the guest.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
