@@ -2,11 +2,14 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "agent/audit.h"
 
+#include "agent/checksum.h"
 #include "agent/copy.h"
+#include "agent/restore.h"
 
 #include <random>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
 
 namespace agent {
@@ -41,6 +44,20 @@ Map choose(const AuditJob &job) {
     return blocks;
 }
 
+std::vector<std::string> damaged_hash_files(const Store &store, const std::string &id) {
+    std::vector<std::string> found;
+    for (const Manifest *manifest : store.chain(id)) {
+        std::string path = store.path(manifest->hashes.file);
+        try {
+            if (checksum_file(path, check_interrupt) != manifest->hashes.checksum)
+                found.push_back(path);
+        } catch (const Failure &) {
+            found.push_back(path);
+        }
+    }
+    return found;
+}
+
 }  // namespace
 
 AuditOutcome audit_blocks(const AuditJob &job) {
@@ -73,25 +90,44 @@ AuditOutcome audit_blocks(const AuditJob &job) {
     return outcome;
 }
 
-void say_audit(Events &events, const AuditResult &result, const std::string &chain) {
+AuditJob audit_job(const Manifest &like, int source, const Map &changed, ChainHashes &chain) {
+    AuditJob job;
+    job.source = source;
+    job.disk_size = like.node.size;
+    job.block_size = like.block_size;
+    job.extent_size = like.node.extent_size;
+    job.seed = like.seed;
+    job.changed = &changed;
+    job.chain = &chain;
+    return job;
+}
+
+void say_audit(Events &events, const AuditResult &result, const Store &store,
+               const Manifest &base) {
+    std::vector<std::string> damaged;
+    if (result.differing > 0)
+        damaged = damaged_hash_files(store, base.id);
     nlohmann::json fields = {{"blocks", result.blocks},
                              {"differing", result.differing},
                              {"extents", result.extents},
-                             {"chain", chain}};
+                             {"damaged", damaged},
+                             {"chain", base.id}};
     if (result.differing == 0) {
         events.say("audit", fields,
-                   fmt::format("audit: {} unchanged blocks are as in {}", result.blocks, chain));
+                   fmt::format("audit: {} unchanged blocks are as in {}", result.blocks, base.id));
         return;
     }
     events.say("audit", fields, "");
-    std::string names;
-    for (uint64_t extent : result.extents)
-        names += fmt::format("{}{}", names.empty() ? "" : ", ", extent);
-    events.error(fmt::format("audit: {} of {} blocks differ from {} although no map calls them "
-                             "changed (extents {}{}): something wrote past the filter; make a full "
-                             "backup",
-                             result.differing, result.blocks, chain, names,
-                             result.extents.size() == named_extents ? " and more" : ""));
+    std::string what =
+        fmt::format("audit: {} of {} blocks differ from {} although no map calls them changed "
+                    "(extents {}{}): ",
+                    result.differing, result.blocks, base.id, extent_names(result.extents),
+                    result.extents.size() == named_extents ? " and more" : "");
+    if (damaged.empty())
+        events.error(what + "something wrote past the filter; make a full backup");
+    else
+        events.error(fmt::format("{}{} is damaged, and may be what differs; make a full backup",
+                                 what, fmt::join(damaged, " and ")));
 }
 
 }  // namespace agent

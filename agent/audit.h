@@ -6,6 +6,7 @@
 #include "agent/events.h"
 #include "agent/hashes.h"
 #include "agent/manifest.h"
+#include "agent/store.h"
 
 #include <functional>
 
@@ -28,10 +29,15 @@ struct AuditOutcome {
     uint64_t blocks_skipped = 0;  // marked, or free when the chain was begun
 };
 
+// Of a disk, in blocks and with the seed of a backup of it. A sample and a turn are still to be given.
+AuditJob audit_job(const Manifest &like, int source, const Map &changed, ChainHashes &chain);
+
 // Blocks that the chain does not hold are left out: they were free at the full backup, and no write
 // to them was marked since.
 AuditOutcome audit_blocks(const AuditJob &job);
 
-void say_audit(Events &events, const AuditResult &result, const std::string &chain);
+// What the audit found, against the chain that ends with `base`. Where blocks differ, the chain's
+// hash files are compared with what they were: one that is damaged differs from a good disk too.
+void say_audit(Events &events, const AuditResult &result, const Store &store, const Manifest &base);
 
 }  // namespace agent

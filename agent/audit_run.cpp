@@ -34,14 +34,7 @@ AuditOutcome audit_snapshot(const Context &c, const AuditOptions &o, const Store
         chain.add(std::make_unique<HashReader>(store.path(manifest->hashes.file), filter.id.size,
                                                manifest->block_size));
     files::Fd fd = c.driver.open_snap(c.driver.snap(minor));
-    AuditJob job;
-    job.source = fd.get();
-    job.disk_size = filter.id.size;
-    job.block_size = base.block_size;
-    job.extent_size = filter.id.extent_size;
-    job.seed = base.seed;
-    job.changed = &changed;
-    job.chain = &chain;
+    AuditJob job = audit_job(base, fd.get(), changed, chain);
     job.sample = o.all ? 0 : o.sample > 0 ? static_cast<uint64_t>(o.sample) : default_sample;
     job.turn = [&](uint64_t done, uint64_t total) {
         check_interrupt();
@@ -90,7 +83,7 @@ int make_audit(const Context &c, const AuditOptions &o) {
         }
         throw;
     }
-    say_audit(c.events, outcome.result, base->id);
+    say_audit(c.events, outcome.result, store, *base);
     settle_run(c, store, filter);
     return outcome.result.differing > 0 ? status_audit : status_ok;
 }

@@ -291,14 +291,7 @@ class Backup {
     void audit() {
         if (kind_ != Kind::incr || o_.audit_sample == 0)
             return;
-        AuditJob job;
-        job.source = snap_fd_.get();
-        job.disk_size = filter_.id.size;
-        job.block_size = m_.block_size;
-        job.extent_size = filter_.id.extent_size;
-        job.seed = m_.seed;
-        job.changed = &map_;
-        job.chain = &below_;
+        AuditJob job = audit_job(m_, snap_fd_.get(), map_, below_);
         job.sample = o_.audit_sample > 0
                          ? static_cast<uint64_t>(o_.audit_sample)
                          : std::clamp<uint64_t>(m_.bytes_mapped / m_.block_size / 25, 16, 4096);
@@ -306,7 +299,7 @@ class Backup {
         AuditOutcome outcome = own_.reading(c_.driver, [&] { return audit_blocks(job); });
         m_.audit = outcome.result;
         m_.bytes_audited = outcome.bytes_read;
-        say_audit(c_.events, m_.audit, m_.parent);
+        say_audit(c_.events, m_.audit, store_, *base_);
         c_.steps.at("audited");
     }
 

@@ -1,6 +1,7 @@
 // tests/unit/agent/store_test.cpp: manifests, maps, hashes and chains, whole and damaged
 // SPDX-License-Identifier: GPL-2.0-only
 #include "agent/bits.h"
+#include "agent/checksum.h"
 #include "agent/hashes.h"
 #include "agent/prune.h"
 #include "agent/request.h"
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <random>
 #include <sstream>
 
@@ -154,6 +156,51 @@ TEST(prune, leaves_every_point_that_stays_as_it_was) {
     }
 }
 
+TEST(prune, a_merged_backup_tells_of_every_extent_that_it_holds) {
+    fake::World world;
+    ASSERT_EQ(0, world.backup(Kind::full));
+    for (uint32_t extent : {4, 9, 17}) {
+        world.write(extent);
+        ASSERT_EQ(0, world.backup(Kind::incr));
+    }
+    ASSERT_EQ(0, world.backup(Kind::diff));
+    std::ostringstream out;
+    agent::Events events;
+    events.out = events.err = &out;
+    // The full one stays under two; of the three on it the last one is left.
+    ASSERT_EQ(0, agent::prune(world.images, events, {world.store, 2, 0, false}));
+    ASSERT_EQ((std::vector<std::string>{"000001-full", "000004-incr", "000005-diff"}),
+              world.backups());
+    agent::Store store(world.store, agent::Store::existing);
+    const Manifest &merged = store.point("000004-incr");
+    Map map = agent::map_from_file("m", *agent::files::read_file(store.path(merged.map.file)),
+                                   merged.run);
+    for (uint32_t extent = 0; extent < fake::extent_count; extent++)
+        EXPECT_EQ(extent == 4 || extent == 9 || extent == 17, map.get(extent)) << extent;
+    EXPECT_EQ((std::vector<std::string>{"000002-incr", "000003-incr"}), merged.merged);
+}
+
+TEST(verify, finds_an_image_that_never_was_what_its_hashes_say) {
+    fake::World world;
+    ASSERT_EQ(0, world.backup(Kind::full));
+    Manifest made = world.newest();
+    std::string path = world.store + "/" + made.image.file;
+    {
+        agent::files::Fd file = agent::files::open_file(path, O_RDWR, 0);
+        agent::files::write_at(file.get(), "!", 1, 5 * fake::extent_bytes, path);
+    }
+    made.image.checksum = agent::checksum_file(path, nullptr);
+    world.dir.put("store/000001-full.json", agent::manifest_text(made));
+    std::ostringstream out;
+    agent::Events events;
+    events.out = events.err = &out;
+    EXPECT_EQ(0, agent::verify(world.images, events, {world.store, true})) << out.str();
+    EXPECT_EQ(1, agent::verify(world.images, events, {world.store, false}));
+    EXPECT_NE(out.str().find("000001-full.qcow2: 1 blocks are not what was backed up (extents 5)"),
+              std::string::npos)
+        << out.str();
+}
+
 TEST(prune, any_failing_call_leaves_a_store_that_the_next_prune_finishes) {
     for (int64_t call = 0;; call += 5) {
         ASSERT_LT(call, 1000);
@@ -229,6 +276,23 @@ TEST(decision, another_uuid_makes_a_full_one_and_no_full_refuses_it) {
     EXPECT_EQ("", world.judge());
 }
 
+TEST(decision, a_map_is_given_back_to_no_other_node) {
+    fake::World world;
+    ASSERT_EQ(0, world.backup(Kind::full));
+    world.write(11);
+    world.kill_at = "incr-held";
+    EXPECT_THROW(world.backup(Kind::incr), fake::Killed);
+    world.revive();
+    world.lose_driver();
+    world.attach("{another}", false);
+    ASSERT_EQ(0, world.backup(Kind::diff));
+    EXPECT_NE(world.said().find("is dropped: the node is {another} now"), std::string::npos);
+    for (uint32_t command : world.driver->codes)
+        EXPECT_TRUE(command != TRAK_MERGE_BMP);
+    EXPECT_EQ(Kind::full, world.newest().kind);
+    EXPECT_EQ("", world.judge());
+}
+
 TEST(audit, names_the_extent_that_was_written_past_the_filter) {
     fake::World world;
     ASSERT_EQ(0, world.backup(Kind::full));
@@ -238,6 +302,35 @@ TEST(audit, names_the_extent_that_was_written_past_the_filter) {
     EXPECT_EQ(agent::status_audit, world.audit(true));
     EXPECT_NE(world.said().find("(extents 13)"), std::string::npos);
     EXPECT_TRUE(world.driver->marked(0, TRAK_BMP_INCR, 3));  // nothing was cleared
+}
+
+// A hash file of which one bit is wrong, and a disk of which nothing is.
+TEST(audit, names_a_hash_file_that_is_damaged_and_blames_no_write) {
+    fake::World world;
+    ASSERT_EQ(0, world.backup(Kind::full));
+    world.write(3);
+    std::string path = world.store + "/000001-full.hashes";
+    {
+        agent::files::Fd file = agent::files::open_file(path, O_RDWR, 0);
+        uint8_t byte = 0;
+        uint64_t of_block_7 = 4096 + 7 * sizeof(agent::Hash);
+        ASSERT_EQ(1u, agent::files::read_at(file.get(), &byte, 1, of_block_7, path));
+        byte ^= 1;
+        agent::files::write_at(file.get(), &byte, 1, of_block_7, path);
+    }
+    auto expect_named = [&] {
+        EXPECT_NE(world.said().find("(extents 7): " + path + " is damaged"), std::string::npos)
+            << world.said();
+        EXPECT_EQ(world.said().find("wrote past"), std::string::npos);
+        world.forget_said();
+    };
+    EXPECT_EQ(agent::status_audit, world.audit(true));
+    expect_named();
+    agent::BackupOptions options = world.options(Kind::incr);
+    options.audit_sample = 1000;
+    EXPECT_EQ(agent::status_audit, world.backup(options));
+    expect_named();
+    EXPECT_EQ("", world.judge());
 }
 
 TEST(command_line, refuses_what_makes_no_sense_in_one_line_with_status_2) {
