@@ -123,7 +123,6 @@ class Backup {
     void make() {
         c_.steps.at("recorded");
         make_snap();
-        look_for_other_snaps();
         if (kind_ != Kind::diff) {
             claim_maps(filter_, store_);
             hold_map(MapType::incr);
@@ -184,25 +183,10 @@ class Backup {
             map_ = std::move(map);
     }
 
-    // Without a frozen file system, a write that waits behind another snapshot's copy may reach the
-    // disk after this snapshot's start although its mark was taken before. Then the map is given back
-    // in the end, and the next backup copies it again. Asked before the map is taken and after the
-    // start, so that one that came or went in between is seen.
-    void look_for_other_snaps() {
-        if (kind_ == Kind::diff || record_.keep_map ||
-            !c_.driver.other_snap_runs(c_.driver.filter(filter_.id.minor), snap_minor_))
-            return;
-        record_.keep_map = true;
-        files::replace_durably(store_.run_path(), run_record_text(record_));
-        c_.events.notice("another snapshot of the node is running: this backup's map is kept, and "
-                         "the next one copies it again");
-    }
-
     void start_snap() {
         check_interrupt();
         c_.driver.start_snap(snap_minor_);
         m_.frozen = now_text();
-        look_for_other_snaps();
         c_.steps.at("frozen");
     }
 

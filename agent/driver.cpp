@@ -180,17 +180,6 @@ std::vector<std::string> Driver::cow_files() const {
     return paths;
 }
 
-bool Driver::other_snap_runs(const FilterNode &filter, uint32_t minor) const {
-    for (uint32_t other : filter.snaps) {
-        trak_info_arg record;
-        if (other == minor || trak_get_info(t_, other, &record) < 0)
-            continue;
-        if (record.dev_type == TRAK_DEV_SNAP && record.started != 0)
-            return true;
-    }
-    return false;
-}
-
 Map Driver::take_map(uint32_t minor, MapType type) const {
     Bits bits;
     int rc = trak_bitmap_take(t_, minor, static_cast<uint32_t>(type), &bits);

@@ -45,8 +45,6 @@ class Driver {
     std::optional<SnapNode> find_snap(const std::string &uuid) const;
     // The COW files of all snapshots.
     std::vector<std::string> cow_files() const;
-    // Whether a snapshot of the filter other than `minor` runs.
-    bool other_snap_runs(const FilterNode &filter, uint32_t minor) const;
 
     Map take_map(uint32_t minor, MapType type) const;  // TRAK_GET_AND_CLR_BMP
     Map read_map(uint32_t minor, MapType type) const;

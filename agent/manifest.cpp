@@ -241,8 +241,7 @@ std::string run_record_text(const RunRecord &r) {
                         {"snap_uuid", r.snap_uuid},
                         {"cow_bmp", r.cow_bmp},
                         {"cow_data", r.cow_data},
-                        {"begun", r.begun},
-                        {"keep_map", r.keep_map}});
+                        {"begun", r.begun}});
 }
 
 RunRecord run_record_from(const std::string &path, const std::string &text) {
@@ -258,7 +257,6 @@ RunRecord run_record_from(const std::string &path, const std::string &text) {
         r.cow_bmp = j.at("cow_bmp").get<std::string>();
         r.cow_data = j.at("cow_data").get<std::string>();
         r.begun = j.at("begun").get<std::string>();
-        r.keep_map = j.at("keep_map").get<bool>();
         return r;
     });
 }

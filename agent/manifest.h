@@ -100,7 +100,6 @@ struct RunRecord {
     NodeId node;
     std::string snap_uuid, cow_bmp, cow_data;
     std::string begun;
-    bool keep_map = false;  // give the map back although the backup was made
 };
 std::string run_record_text(const RunRecord &record);
 RunRecord run_record_from(const std::string &path, const std::string &text);

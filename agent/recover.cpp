@@ -221,7 +221,7 @@ bool settle_run(const Context &c, Store &store, const FilterNode &filter) {
                 "the map of an unfinished run of node {} is dropped: the node is {} now, and its "
                 "next backup is a full one",
                 record->node.uuid, filter.id.uuid));
-    } else if (!committed || record->keep_map) {
+    } else if (!committed) {
         for (MapType type : both_types)
             give_back(c, store, filter, record->run, type);
     }

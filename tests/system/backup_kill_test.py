@@ -55,6 +55,7 @@ class Killed(SystemTest):
         self.disk = Disk(self.m, self.dice)
         self.addCleanup(self.disk.close)
         self.kinds = {"full": 0, "incr": 0, "diff": 0}
+        self.everything = False  # the incremental map says that everything has changed
 
     def begin_store(self):
         if self.disk.store:
@@ -81,8 +82,13 @@ class Killed(SystemTest):
         check(expected in (made["kind"], ""),
               f"{made['id']} is no {expected} backup: {made['reason']}")
         self.kinds[made["kind"]] += 1
+        self.backup_is_there()
         disk.remember(data)
         disk.check_nothing_left()
+
+    def backup_is_there(self):
+        if self.disk.backups()[-1]["kind"] != "diff":
+            self.everything = False
 
     def end(self, agent, step, way, allowed=(0, 1)):
         """The end that a round is about. allowed: how the agent may end that finds trakd gone."""
@@ -131,14 +137,13 @@ class Killed(SystemTest):
         made = committed(step) or (way == "trakd_killed" and agent.process.returncode == 0)
         check(there == made, f"after {step} there are {len(disk.backups())} backups, {count} before")
         if there:
+            self.backup_is_there()
             disk.remember(data)
 
     def restart(self, way):
-        """Whether everything counts as changed."""
-        if way in ("killed", "stopped_and_killed"):
-            return False
-        check(self.disk.start(), "the guard did not notice that trakd was killed")
-        return True
+        if way not in ("killed", "stopped_and_killed"):
+            check(self.disk.start(), "the guard did not notice that trakd was killed")
+            self.everything = True
 
     def round(self, kind, step, way, again):
         disk = self.disk
@@ -146,18 +151,20 @@ class Killed(SystemTest):
             self.begin_store()
         disk.writer.write(20)
         self.run_to_its_end(kind, step, way)
-        everything = self.restart(way) or (kind != "diff" and step in UNKNOWN)
+        self.restart(way)
+        if kind != "diff" and step in UNKNOWN:
+            self.everything = True
         disk.writer.write(10)
         if again:
             agent = disk.backup("incr", *(("--kill-at", again) if way == "killed" else
                                           ("--stop-at", again)))
             self.end(agent, again, way, (1,))
             disk.wait_unlocked()
-            everything = self.restart(way) or everything
+            self.restart(way)
             disk.writer.write(5)
         following = self.dice.choice(("incr", "incr", "diff"))
         if following == "incr":
-            expected = "full" if everything else "incr"
+            expected = "full" if self.everything else "incr"
         else:
             expected = ""
         self.next_backup(following, expected)
