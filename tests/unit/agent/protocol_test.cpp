@@ -331,7 +331,7 @@ TEST(backup, a_damaged_record_of_a_run_means_that_everything_changed) {
     EXPECT_EQ("", world.judge());
 }
 
-TEST(backup, another_running_snapshot_keeps_the_map) {
+TEST(backup, another_running_snapshot_is_left_alone) {
     World world;
     begin(world);
     fake::Node other;
@@ -343,7 +343,9 @@ TEST(backup, another_running_snapshot_keeps_the_map) {
     world.driver->nodes.at(0).snaps.push_back(5);
     ASSERT_EQ(0, world.backup(Kind::incr));
     for (uint32_t extent : {2u, 11u, 23u})
-        EXPECT_TRUE(world.driver->marked(0, TRAK_BMP_INCR, extent));
+        EXPECT_FALSE(world.driver->marked(0, TRAK_BMP_INCR, extent));
+    ASSERT_TRUE(world.driver->nodes.contains(5));
+    EXPECT_TRUE(world.driver->nodes.at(5).started);
     EXPECT_EQ("", world.judge());
 }
 
