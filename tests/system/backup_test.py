@@ -1,5 +1,6 @@
 # tests/system/backup_test.py: backups under a running writer, and everything that goes wrong
 # SPDX-License-Identifier: GPL-2.0-only
+import json
 import os
 import shutil
 import signal
@@ -125,6 +126,24 @@ class Damage(BackupTest):
                 with open(path, "wb") as file:
                     file.write(good)
         self.agent("verify")
+
+    def lost(self):
+        """Numbers of the backups that a verify called lost."""
+        events = [json.loads(line) for line in self.said.splitlines() if line.startswith("{")]
+        return [int(event["id"][:6]) for event in events if event["event"] == "lost"]
+
+    def test_verify_says_which_backups_are_lost_with_a_file(self):
+        self.write(2 * MIB, 100000)
+        self.agent("incr")
+        for name, lost in (("000001-full.qcow2", [1, 2, 3]), ("000002-incr.qcow2", [2, 3]),
+                           ("000003-incr.qcow2", [3])):
+            path = f"{self.store}/{name}"
+            shutil.move(path, self.m.path("kept"))
+            self.agent("verify", "--quick", expect=1)
+            self.assertEqual(self.lost(), lost, self.said)
+            shutil.move(self.m.path("kept"), path)
+        self.agent("verify")
+        self.assertEqual(self.lost(), [])
 
     def test_a_lost_file_is_named_and_the_next_backup_is_a_full_one(self):
         for name in self.files():
