@@ -6,13 +6,13 @@
 #ifndef TRAK_OS_LINUX_UNDER_WAY_H
 #define TRAK_OS_LINUX_UNDER_WAY_H
 
-#include <linux/mutex.h>
+#include <linux/mutex.h> /* atomic_t, wherever this kernel has it */
 #include <linux/types.h>
 
 struct trak_under_way {
     atomic_t cnt[2];
-    atomic_t turn;      /* the low bit says which of them counts who comes */
-    struct mutex drain; /* one wait at a time turns */
+    atomic_t turn;     /* the low bit says which of them counts who comes */
+    atomic_t draining; /* 1: somebody waits, and nobody else may turn */
 };
 
 void trak_under_way_init(struct trak_under_way *under_way);

@@ -86,7 +86,7 @@ struct os_disk {
     // Requests that came and have not ended, by the turn in which they came.
     unsigned under_way[2];
     unsigned turn;
-    sim::Mutex drain_mutex;  // one drain at a time turns
+    bool draining;  // somebody waits, and nobody else may turn
 };
 
 struct os_bdev {

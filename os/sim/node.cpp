@@ -141,8 +141,13 @@ int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
     check_waits_for(kByRequest, "os_disk_drain");
     os_disk &d = checked(disk, "os_disk_drain");
     const std::uint64_t deadline = os_jiffies() + ticks;
+    point();
+    for (; d.draining; sleep_ms(1)) {
+        if (os_jiffies() > deadline)
+            return -EAGAIN;
+    }
+    d.draining = true;
     int rc = 0;
-    mutex_lock(d.drain_mutex, disk);
     for (int turns = 0; turns < 2 && rc == 0; turns++) {
         const unsigned before = d.turn;
         d.turn ^= 1;
@@ -154,7 +159,7 @@ int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
                 sleep_ms(1);
         }
     }
-    mutex_unlock(d.drain_mutex);
+    d.draining = false;
     return rc;
 }
 

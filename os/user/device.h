@@ -110,7 +110,7 @@ struct os_disk {
     // Requests that came to a node and have not ended, by the turn in which they came.
     std::atomic<std::uint32_t> under_way[2]{};
     std::atomic<unsigned> turn{0};
-    user::Mutex drain_mutex;  // one drain at a time turns
+    std::atomic<bool> draining{false};  // somebody waits, and nobody else may turn
 };
 
 struct os_bdev {

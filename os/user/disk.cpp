@@ -57,6 +57,15 @@ namespace {
 constexpr std::uint32_t kLastBlockMajor = 511;
 constexpr useconds_t kDrainPollUs = 200;
 
+// False: the deadline is over.
+bool wait_a_little(std::uint64_t deadline) {
+    if (os_jiffies() > deadline)
+        return false;
+    os_yield();
+    usleep(kDrainPollUs);
+    return true;
+}
+
 NodeInfo describe(os_dev_t dev, const os_disk *disk) {
     const os_queue *queue = disk->queue.load();
     return {dev,
@@ -188,18 +197,19 @@ os_queue *os_disk_queue(const os_disk *disk) {
 int os_disk_drain(os_disk *disk, uint64_t ticks) {
     user::might_sleep("os_disk_drain");
     const uint64_t deadline = os_jiffies() + ticks;
-    Guard held(disk->drain_mutex);
-    // Twice: a request may have read the turn just before it changed, and count in the one that is over.
-    for (int turns = 0; turns < 2; turns++) {
-        const unsigned before = disk->turn.fetch_xor(1);
-        while (disk->under_way[before].load() != 0) {
-            if (os_jiffies() > deadline)
-                return -EAGAIN;
-            os_yield();
-            usleep(user::kDrainPollUs);
-        }
+    while (disk->draining.exchange(true)) {
+        if (!user::wait_a_little(deadline))
+            return -EAGAIN;
     }
-    return 0;
+    // Twice: a request may have read the turn just before it changed, and count in the one that is over.
+    bool in_time = true;
+    for (int turns = 0; turns < 2 && in_time; turns++) {
+        const unsigned before = disk->turn.fetch_xor(1);
+        while (in_time && disk->under_way[before].load() != 0)
+            in_time = user::wait_a_little(deadline);
+    }
+    disk->draining = false;
+    return in_time ? 0 : -EAGAIN;
 }
 
 void os_queue_make_request(os_queue *queue, os_make_request_fn fn) {
