@@ -16,6 +16,15 @@ AGENT = os.path.join(BIN, "trak-backup")
 LIMIT = 120
 
 
+def damage_last_block(path):
+    """One bit of the last cluster of an image, which holds data."""
+    with open(path, "r+b") as file:
+        file.seek(os.path.getsize(path) - 65536 + 5)
+        byte = file.read(1)
+        file.seek(-1, 1)
+        file.write(bytes([byte[0] ^ 1]))
+
+
 def digest(path, size):
     """SHA-256 of the first `size` bytes."""
     found = hashlib.sha256()

@@ -5,7 +5,7 @@ import os
 import shutil
 import signal
 
-from backup_machine import LIMIT, BackupTest, Writer, digest
+from backup_machine import LIMIT, BackupTest, Writer, damage_last_block, digest
 from trak_abi import GET, INCR, marked
 from trak_machine import MIB
 from trak_testing import main, run
@@ -160,11 +160,7 @@ class Damage(BackupTest):
 
     def test_a_damaged_block_is_named_by_a_restore_and_older_backups_are_not_harmed(self):
         path = f"{self.store}/000002-incr.qcow2"
-        with open(path, "r+b") as file:
-            file.seek(os.path.getsize(path) - 65536 + 5)
-            byte = file.read(1)
-            file.seek(-1, 1)
-            file.write(bytes([byte[0] ^ 1]))
+        damage_last_block(path)
         target = self.m.path("restored.img")
         self.agent("restore", "--to", target, expect=1)
         self.assertIn("are not what was backed up (extents ", self.said)

@@ -4,7 +4,7 @@ import os
 import signal
 import subprocess
 
-from backup_machine import LIMIT, BackupTest, digest
+from backup_machine import LIMIT, BackupTest, damage_last_block, digest
 from trak_machine import MIB
 from trak_testing import eventually, main, run
 
@@ -96,11 +96,7 @@ class Disks(BackupTest):
 
     def test_a_damaged_point_says_that_the_disk_is_overwritten_in_part(self):
         path = f"{self.store}/000001-full.qcow2"
-        with open(path, "r+b") as file:
-            file.seek(os.path.getsize(path) - 65536 + 5)
-            byte = file.read(1)
-            file.seek(-1, 1)
-            file.write(bytes([byte[0] ^ 1]))
+        damage_last_block(path)
         device = self.disk(self.size)
         self.agent("restore", "--point", "1", "--to", device, "--force", expect=1)
         self.assertIn("are not what was backed up (extents ", self.said)
