@@ -10,22 +10,21 @@
  * this much left over means that it is found. */
 #define MEMORY_NEEDED_KIB (16l * 1024)
 
-/* -1 where the file doesn't say. Kernels before 3.14 leave the sum to the reader: what is free, and what is
- * cached of files. */
+/* -1 where the file doesn't say. Kernels before 3.14 leave the sum to the reader: what is free, and what of
+ * files can be dropped. (`Cached` also has what can't be: files of ramfs, and what is locked.) */
 static long available_kib(FILE *meminfo) {
     char line[256];
-    long kib, cached = 0, free_kib = -1;
+    long kib, droppable = 0, free_kib = -1;
     while (fgets(line, sizeof(line), meminfo) != NULL) {
         if (sscanf(line, "MemAvailable: %ld kB", &kib) == 1)
             return kib;
         if (sscanf(line, "MemFree: %ld kB", &kib) == 1)
             free_kib = kib;
-        if (sscanf(line, "Buffers: %ld kB", &kib) == 1 || sscanf(line, "Cached: %ld kB", &kib) == 1)
-            cached += kib;
-        if (sscanf(line, "Shmem: %ld kB", &kib) == 1)
-            cached -= kib;
+        if (sscanf(line, "Active(file): %ld kB", &kib) == 1 ||
+            sscanf(line, "Inactive(file): %ld kB", &kib) == 1)
+            droppable += kib;
     }
-    return free_kib < 0 ? -1 : free_kib + cached;
+    return free_kib < 0 ? -1 : free_kib + droppable;
 }
 
 static int check_memory(struct trak *t, char *why) {

@@ -134,16 +134,17 @@ TEST_F(Snap, refuses_to_create_where_memory_is_short) {
     EXPECT_EQ(0, attach(snap_arg())) << why;
 }
 
-TEST_F(Snap, counts_what_is_cached_where_the_kernel_names_no_sum) {
+TEST_F(Snap, counts_what_can_be_dropped_where_the_kernel_names_no_sum) {
     fake::TempDir host;
     snprintf(t->host, sizeof(t->host), "%s", host.path().c_str());
     host.put("proc/meminfo", "MemTotal: 1000000 kB\nMemFree: 4000 kB\nBuffers: 3000 kB\n"
-                             "Cached: 7000 kB\nShmem: 5000 kB\n");
+                             "Cached: 90000 kB\nActive(file): 3000 kB\nInactive(file): 2000 kB\n"
+                             "Unevictable: 88000 kB\n");
     refused(snap_arg(), ENOMEM,
             "only 9000 KiB of memory are available: a creation that finds none would block the "
             "driver; free some first");
-    host.put("proc/meminfo", "MemTotal: 1000000 kB\nMemFree: 4000 kB\nBuffers: 3000 kB\n"
-                             "Cached: 27000 kB\nSwapCached: 0 kB\n");
+    host.put("proc/meminfo", "MemTotal: 1000000 kB\nMemFree: 4000 kB\nActive(anon): 9000 kB\n"
+                             "Active(file): 13000 kB\nInactive(file): 12000 kB\n");
     EXPECT_EQ(0, attach(snap_arg())) << why;
 }
 

@@ -75,10 +75,11 @@ uptime_s() {
   echo "${now%.*}"
 }
 
-# KiB that programs could still get. Kernels that don't say so themselves: what is free, and what is cached.
+# KiB that programs could still get. Kernels that don't say so themselves: what is free, and what of files
+# can be dropped, which of the guest's own (a ramfs) nothing can.
 available_kib() {
-  awk '/^(MemFree|Buffers|Cached|MemAvailable|Shmem):/ { kib[$1] = $2 }
-    END { sum = kib["MemFree:"] + kib["Buffers:"] + kib["Cached:"] - kib["Shmem:"]
+  awk '/^(MemFree|MemAvailable|Active\(file\)|Inactive\(file\)):/ { kib[$1] = $2 }
+    END { sum = kib["MemFree:"] + kib["Active(file):"] + kib["Inactive(file):"]
       if ("MemAvailable:" in kib) sum = kib["MemAvailable:"]
       print sum }' /proc/meminfo
 }

@@ -53,7 +53,7 @@ pressure() {
   while [ $n -lt "$rounds" ]; do
     eventually add_snap 1 4K
     trakctl start 1
-    dd if=/dev/urandom of=/mnt/node/large bs=1M count=40 conv=fsync
+    dd if=/dev/zero of=/mnt/node/large bs=1M count=40 conv=fsync
     eventually add_snap 2 4K
     trakctl start 2
     dd if=/dev/zero of=/mnt/node/large bs=64k count=400 oflag=direct conv=notrunc
