@@ -360,7 +360,7 @@ class Io(OnTrak):
     """fio, which finds every byte that is not what it wrote."""
 
     name = "io"
-    short = ()
+    short = ("6.12",)
     about = "fio with verification while snapshots come and go"
     tools = (*OnTrak.tools, "fio")
     disk_mib, maps_mib = 64, 256
