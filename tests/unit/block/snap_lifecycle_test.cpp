@@ -212,6 +212,46 @@ TEST(snap_lifecycle, unload_leaves_the_cow_files) {
         EXPECT_TRUE(machine.storage.exists(name)) << name;
 }
 
+// The kernel takes a module's code away whatever its exit says, so that an unload may be held up by nothing
+// but a node that is open: neither by a call that fails nor by one kind of call that does nothing else.
+TEST(snap_lifecycle, unload_is_whole_whatever_fails_meanwhile) {
+    constexpr auto kinds = static_cast<unsigned>(sim::Fault::kCount);
+    std::uint64_t failed = 0;
+    for (unsigned k = 0; k < kinds; ++k) {
+        const auto kind = static_cast<sim::Fault>(k);
+        bool done = false;
+        for (std::uint64_t nth = 0; !done; ++nth) {  // 0: each one fails
+            SCOPED_TRACE(testing::Message() << "fault " << k << " nth " << nth);
+            Machine machine;
+            with_cow_folder(machine).storage.add_disk("sdc", 8u << 20 | 32u, kDiskSize, 512);
+            boot_bare(machine, [&] {
+                ASSERT_EQ(trak_init(), 0);
+                make_started_snaps();
+                ASSERT_EQ(add_filter(7, 4096, "/dev/sdc"), 0);
+                EXPECT_EQ(write_node(0, 8 * 9, 8), 0);
+                EXPECT_EQ(stop(3), 0);  // both wait for the first snapshot
+                EXPECT_EQ(del(2), 0);
+                filter(0).incr_bmp_dirty = filter(0).diff_bmp_dirty = 1;
+                const std::uint64_t before = sim::fault_points(kind);
+                if (nth == 0)
+                    sim::fail_random(kind, 1000);
+                else
+                    sim::fail_nth(kind, nth);
+                EXPECT_EQ(trak_cleanup(), 0) << whole_log();
+                const std::uint64_t calls = sim::fault_points(kind) - before;
+                sim::fail_none();
+                done = nth >= calls;
+                failed += nth > 0 && nth <= calls ? 1 : 0;
+                EXPECT_TRUE(sim::nodes().empty());
+                EXPECT_FALSE(sim::proc_exists("/proc/trak"));
+                EXPECT_EQ(sim::chr_read(0, 0), -ENODEV);
+            });
+            ASSERT_LT(nth, 200u);
+        }
+    }
+    EXPECT_GE(failed, 10u);  // both maps' files are opened, written and synced
+}
+
 TEST(snap_lifecycle, block_operations_of_a_snap_use_its_filters_disk) {
     Machine machine;
     with_cow_folder(machine);

@@ -13,6 +13,7 @@
 
 #include <compat_contract.h>
 
+#include "os/bdev.h"
 #include "os/lock.h"
 #include "os/uaccess.h"
 
@@ -37,6 +38,11 @@ extern const struct contract_test bio_tests[], chardev_tests[], disk_tests[], fi
             return;                                                                                \
     } while (0)
 bool contract_expect(bool holds, const char *file, int line, const char *condition);
+
+/* In place of the tests (parameter `hold`): opens a node and gives up what keeps its module; 0 or a negative
+ * errno. And the end of that. */
+int contract_hold(os_dev_t dev);
+void contract_let_go(void);
 
 /* A thread of os_kernel_thread that calls `body` and ends. */
 struct contract_thread {

@@ -8,6 +8,7 @@ TRAK_CONTRACT := \
 	disk.c \
 	file.c \
 	helpers.c \
+	hold.c \
 	lock.c \
 	log.c \
 	main.c \

@@ -90,6 +90,39 @@ unload_takes_nodes_along() {
   grep -q '^ *5 *1 ' /tmp/marks
 }
 
+# The exit function can't refuse. Where it finds a node open, which the kernel keeps from happening, it waits
+# for the node's end and takes nothing away before.
+exit_waits() {
+  mount_maps
+  load
+  add_filter 64K
+  trakctl bitmap clear 0 incr
+  dd if=/dev/zero of=/dev/trak/trak0 bs=64k count=1 seek=5 conv=fsync
+  insmod /lib/modules/trak_contract.ko hold=$((100 << 20))
+  [ "$(cat /proc/trak/trak0/use_cnt)" = 1 ]
+  refusals_before=$(refusals)
+  rmmod trak &
+  eventually tried_again
+  [ "$(cat /sys/module/trak/initstate)" = going ]
+  [ "$(cat /proc/trak/trak0/use_cnt)" = 1 ]
+  thread kdirtyd
+  refuse dd if=/dev/trak/trak0 of=/dev/null bs=4k count=1
+  rmmod trak_contract
+  wait $!
+  rm -f /dev/trakctl
+  nothing_left
+  # Saved as in any unload.
+  rm /mnt/maps/bmp/trak0.session
+  load
+  trakctl add-filter --disk "$(disk 0)" --extent-size 64K --bmp-dir /mnt/maps/bmp --minor 0
+  trakctl bitmap get 0 incr | tee /tmp/marks
+  [ "$(grep -vc '^#' /tmp/marks)" = 1 ]
+  grep -q '^ *5 *1 ' /tmp/marks
+}
+
+refusals() { dmesg | grep -c 'trak_block_stop_device(): trak(100, 0) is still being used' || true; }
+tried_again() { [ "$(refusals)" -ge $((refusals_before + 2)) ]; }
+
 mounted_refused() {
   mount_maps
   load
@@ -187,6 +220,7 @@ try module.takes_a_major_of_the_kernels_choice dynamic_major
 try module.is_loaded_once not_while_loaded_twice
 try module.stays_while_a_node_or_the_control_device_is_open unload_refused
 try module.takes_its_nodes_along unload_takes_nodes_along
+try module.exit_waits_for_a_node_that_is_open_all_the_same exit_waits
 try module.mounted_nodes_are_neither_stopped_nor_deleted mounted_refused
 try module.bitmaps_on_the_node_itself_are_refused own_bitmaps_refused
 try module.disk_of_a_node_is_claimed disk_claimed
