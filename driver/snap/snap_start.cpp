@@ -63,8 +63,10 @@ int time_out(const trak_device *filter) {
 }
 
 // Requests that came before the filter had a snap are in no tracker, and nothing later would wait for them.
-// The file system's writers go on meanwhile.
+// The file system's writers go on meanwhile. A filter that lost its minor to another one has no disk.
 int drain(const trak_device *filter, std::uint64_t deadline) {
+    if (filter->disk == nullptr)
+        return 0;
     const std::uint64_t now = os_jiffies();
     if (now <= deadline && os_disk_drain(filter->disk, deadline - now) == 0)
         return 0;

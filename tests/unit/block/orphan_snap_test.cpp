@@ -26,4 +26,19 @@ TEST(orphan, start_of_its_snap_does_not_freeze_through_an_opener_that_has_gone) 
     });
 }
 
+TEST(orphan, start_of_its_snap_goes_on_where_another_node_took_the_minor) {
+    Machine machine;
+    prepare(machine);
+    machine.storage.add_disk("sdd", os_mkdev(8, 64), kDiskSize, 512);
+    boot(machine, [&] {
+        make_snap();
+        trak_device *orphan = node(0);
+        ASSERT_EQ(add_filter(0, 4096, "/dev/sdd"), -EINVAL);
+        ASSERT_EQ(add_filter(0, 4096, "/dev/sdd"), 0);
+        ASSERT_EQ(orphan->disk, nullptr);  // a disk that has gone: no request came by it
+        EXPECT_EQ(start(1), 0);
+        EXPECT_EQ(stop(1), 0);
+    });
+}
+
 }  // namespace orphan_snap_test
