@@ -36,5 +36,7 @@ void trak_disk_exit(void);
 /* A request has come to a node; its end is counted too (stat.c). Waits for memory rather than lose count.
  * Context: sleep. */
 void trak_stat_start(struct bio *bio, struct trak_under_way *under_way);
+/* Drops an active reference (s_active); the file system is not shut down in the caller. Context: sleep. */
+void trak_let_super_go(struct super_block *super);
 
 #endif

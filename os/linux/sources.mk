@@ -16,6 +16,7 @@ TRAK_GLUE := \
 	queue.c \
 	random.c \
 	stat.c \
+	super.c \
 	task.c \
 	time.c \
 	uaccess.c \

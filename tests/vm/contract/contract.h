@@ -24,8 +24,8 @@ struct contract_test {
 
 /* Each file's tests, ended by an empty one. */
 extern const struct contract_test bio_tests[], chardev_tests[], disk_tests[], file_tests[],
-    lock_tests[], log_tests[], memory_tests[], path_tests[], proc_tests[], request_tests[],
-    task_tests[], uaccess_tests[], wait_tests[];
+    freeze_tests[], lock_tests[], log_tests[], memory_tests[], path_tests[], proc_tests[],
+    request_tests[], task_tests[], uaccess_tests[], wait_tests[];
 
 #define CONTRACT(unit, what)                                                                       \
     { "contract." #unit "." #what, what }

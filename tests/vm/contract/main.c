@@ -8,7 +8,7 @@
 
 static const struct contract_test *const suites[] = {
     lock_tests, wait_tests, task_tests,    memory_tests, log_tests,  uaccess_tests, file_tests,
-    path_tests, proc_tests, chardev_tests, bio_tests,    disk_tests, request_tests,
+    path_tests, proc_tests, chardev_tests, bio_tests,    disk_tests, freeze_tests,  request_tests,
 };
 
 static unsigned int hold;

@@ -5,7 +5,7 @@
 #include <linux/vmalloc.h>
 
 #include "os/linux/block.h"
-
+#include "os/task.h"
 #include "tests/vm/contract/contract.h"
 
 static struct memory_disk *disk_of(struct os_disk *disk) {
@@ -22,6 +22,7 @@ static int open_disk(struct os_bdev *bdev, uint32_t mode) {
 }
 
 static int release_disk(struct os_disk *disk, uint32_t mode) {
+    disk_of(disk)->releaser = os_current();
     disk_of(disk)->releases++;
     return 0;
 }

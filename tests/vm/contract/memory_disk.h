@@ -17,6 +17,7 @@ struct memory_disk {
     uint8_t *bytes;
     int open_error;           /* what the next opens return */
     int opens, releases;      /* of the driver's operations */
+    struct os_task *releaser; /* who called the last release */
     int requests, unplugs;    /* calls */
     uint32_t largest;         /* request, bytes */
     uint64_t total;           /* bytes asked for */

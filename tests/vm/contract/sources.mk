@@ -7,6 +7,7 @@ TRAK_CONTRACT := \
 	chardev.c \
 	disk.c \
 	file.c \
+	freeze.c \
 	helpers.c \
 	hold.c \
 	lock.c \

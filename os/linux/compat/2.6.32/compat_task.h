@@ -6,6 +6,7 @@
 #include <linux/hardirq.h>
 #include <linux/kernel.h>
 #include <linux/kthread.h>
+#include <linux/module.h>
 #include <linux/sched.h>
 #include <linux/utsrelease.h>
 #include <linux/wait.h>
@@ -23,6 +24,8 @@ static inline void compat_thread_writes(void) {
 }
 
 #define compat_complete_and_exit(completion, code) complete_and_exit(completion, code)
+/* The same for a reference on the module. */
+#define compat_module_put_and_exit(code) module_put_and_exit(code)
 
 /* The queues of this kernel hold requests back themselves. */
 typedef struct {

@@ -41,9 +41,14 @@ static inline bool compat_bdev_mounted(struct block_device *bdev) {
     return READ_ONCE(bdev->bd_super) != NULL;
 }
 
-/* After a freeze: whether there was a file system to freeze. */
-static inline bool compat_bdev_frozen(struct block_device *bdev) {
-    return READ_ONCE(bdev->bd_fsfreeze_sb) != NULL;
+/* After a freeze: the file system that is frozen, with an active reference beside the freeze's own, or
+ * null where there is none. */
+static inline struct super_block *compat_bdev_frozen(struct block_device *bdev) {
+    struct super_block *super = READ_ONCE(bdev->bd_fsfreeze_sb);
+
+    if (super)
+        atomic_inc(&super->s_active);
+    return super;
 }
 
 static inline int compat_bdev_freeze(struct block_device *bdev) {

@@ -6,6 +6,7 @@
 #include <generated/utsrelease.h>
 #include <linux/blkdev.h>
 #include <linux/kthread.h>
+#include <linux/module.h>
 #include <linux/sched.h>
 #include <linux/sched/mm.h>
 #include <linux/sched/signal.h>
@@ -25,6 +26,8 @@ static inline void compat_thread_writes(void) {
 }
 
 #define compat_complete_and_exit(completion, code) kthread_complete_and_exit(completion, code)
+/* The same for a reference on the module. */
+#define compat_module_put_and_exit(code) module_put_and_kthread_exit(code)
 
 /* What a thread of the module submits in a row joins in its plug, until it sleeps or unplugs the queue. */
 typedef struct blk_plug compat_plug;

@@ -50,9 +50,18 @@ static inline bool compat_bdev_mounted(struct block_device *bdev) {
     return mounted;
 }
 
-/* After a freeze: whether there was a file system to freeze. */
-static inline bool compat_bdev_frozen(struct block_device *bdev) {
-    return compat_bdev_mounted(bdev);
+/* After a freeze: the file system that is frozen, with an active reference beside the freeze's own, or
+ * null where there is none. */
+static inline struct super_block *compat_bdev_frozen(struct block_device *bdev) {
+    struct super_block *super = NULL;
+
+    mutex_lock(&bdev->bd_holder_lock);
+    if (bdev->bd_holder_ops == &fs_holder_ops)
+        super = bdev->bd_holder;
+    if (super && !atomic_inc_not_zero(&super->s_active))
+        super = NULL;
+    mutex_unlock(&bdev->bd_holder_lock);
+    return super;
 }
 
 static inline int compat_bdev_freeze(struct block_device *bdev) {

@@ -24,6 +24,16 @@
 #define min3(a, b, c) min(min(a, b), c)
 #define strscpy(to, from, size) strlcpy(to, from, size)
 #define task_is_running(task) ((task)->state == TASK_RUNNING)
+#define SB_KERNMOUNT MS_KERNMOUNT
+
+/* The operation `name` of a file system on a block device, that fills its super block by fill_fn. */
+#define CONTRACT_MOUNT(name, fill_fn)                                                              \
+    static int name(struct file_system_type *type, int flags, const char *device, void *data,      \
+                    struct vfsmount *mount) {                                                      \
+        return get_sb_bdev(type, flags, device, data, fill_fn, mount);                             \
+    }
+#define contract_mount get_sb
+#define contract_is_frozen(super) ((super)->s_frozen == SB_FREEZE_TRANS)
 
 static inline struct inode *file_inode(const struct file *file) {
     return file->f_path.dentry->d_inode;

@@ -4,6 +4,7 @@
 #define TRAK_TESTS_VM_COMPAT_CONTRACT_H
 
 #include <linux/bio.h>
+#include <linux/fs.h>
 #include <linux/interrupt.h>
 #include <linux/minmax.h>
 #include <linux/mm.h>
@@ -14,5 +15,14 @@
 
 /* The tasks of a wait queue. */
 #define waiters_of(queue) (&(queue)->head)
+
+/* The operation `name` of a file system on a block device, that fills its super block by fill_fn. */
+#define CONTRACT_MOUNT(name, fill_fn)                                                              \
+    static struct dentry *name(struct file_system_type *type, int flags, const char *device,       \
+                               void *data) {                                                       \
+        return mount_bdev(type, flags, device, data, fill_fn);                                     \
+    }
+#define contract_mount mount
+#define contract_is_frozen(super) ((super)->s_writers.frozen == SB_FREEZE_COMPLETE)
 
 #endif
