@@ -3,6 +3,7 @@
 #include "os/disk.h"
 
 #include <linux/blkdev.h>
+#include <linux/device.h>
 
 #include <compat_bdev.h>
 
@@ -85,6 +86,18 @@ static void a_disk_that_was_never_added_is_given_back(void) {
     queue = os_alloc_queue(OS_GFP_KERNEL);
     ASSERT(queue);
     os_cleanup_queue(queue);
+}
+
+/* As somebody who found it just before it went, and opens it now. */
+static void a_disk_that_was_taken_away_still_has_its_record_for_who_refers_to_it(void) {
+    struct os_disk *disk;
+
+    ASSERT(memory_disk_make(&one, "trakone"));
+    disk = one.disk;
+    get_device(disk_to_dev(real_disk(disk)));
+    memory_disk_remove(&one);
+    EXPECT(os_disk_queue(disk) && os_queue_data(os_disk_queue(disk)) == &one);
+    put_disk(real_disk(disk));
 }
 
 static void a_stacked_disk_passes_requests_through(void) {
@@ -204,6 +217,7 @@ const struct contract_test disk_tests[] = {
     CONTRACT(disk, opens_and_releases_reach_the_driver_and_are_counted),
     CONTRACT(disk, the_drivers_error_reaches_who_opens),
     CONTRACT(disk, a_disk_that_was_never_added_is_given_back),
+    CONTRACT(disk, a_disk_that_was_taken_away_still_has_its_record_for_who_refers_to_it),
     CONTRACT(disk, a_stacked_disk_passes_requests_through),
     CONTRACT(disk, a_disk_that_is_opened_for_writing_is_claimed),
     CONTRACT(disk, a_drain_waits_for_the_requests_that_came_before),

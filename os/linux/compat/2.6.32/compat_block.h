@@ -19,6 +19,11 @@ static inline struct os_queue *foreign_queue(struct gendisk *disk) {
     return (struct os_queue *)disk->queue;
 }
 
+/* A disk of ours holds its queue: who has found it and is about to open it asks that for its record, at a
+ * time when the driver may have let both go. (queue.c) */
+void trak_queue_hold(struct request_queue *queue);
+void trak_queue_release(struct request_queue *queue);
+
 /* Whether a bio came from os_bio_alloc or os_bio_clone. */
 bool trak_bio_is_own(const struct bio *bio);
 

@@ -1,10 +1,14 @@
 // os/linux/compat/2.6.32/disk.c: block devices that the driver makes, in kernel 2.6.32
 // SPDX-License-Identifier: GPL-2.0-only
+//
+// A disk may outlive os_put_disk while the kernel refers to it: somebody is about to open it, or reads
+// /proc/diskstats. Its queue goes with the last reference, and the module must not go before that.
 #include <linux/blkdev.h>
 #include <linux/compat.h>
 #include <linux/genhd.h>
 #include <linux/module.h>
-#include <linux/slab.h>
+#include <linux/sched.h>
+#include <linux/wait.h>
 
 #include "os/linux/block.h"
 
@@ -12,8 +16,23 @@ static const struct os_block_device_operations *ops_of(const struct gendisk *dis
     return disk->private_data;
 }
 
-/* A disk and its queue go when the driver lets them go. */
-void trak_disk_exit(void) {}
+static atomic_t disk_cnt = ATOMIC_INIT(0);
+static DECLARE_WAIT_QUEUE_HEAD(no_disks);
+
+/* Called in place of the kernel's own release of disks. */
+static void release_disk(struct device *dev) {
+    struct request_queue *queue = dev_to_disk(dev)->queue;
+
+    dev->type->release(dev);
+    if (queue)
+        trak_queue_release(queue);
+    if (atomic_dec_and_test(&disk_cnt))
+        wake_up(&no_disks);
+}
+
+void trak_disk_exit(void) {
+    wait_event(no_disks, atomic_read(&disk_cnt) == 0);
+}
 
 static uint32_t open_mode(fmode_t mode) {
     return (__force uint32_t)(mode & (FMODE_READ | FMODE_WRITE));
@@ -62,8 +81,11 @@ void os_unregister_blkdev(uint32_t major, const char *name) {
 struct os_disk *os_alloc_disk(int minors) {
     struct gendisk *disk = alloc_disk(minors);
 
-    if (disk)
-        disk->fops = &node_operations;
+    if (!disk)
+        return NULL;
+    atomic_inc(&disk_cnt);
+    disk->fops = &node_operations;
+    disk_to_dev(disk)->release = release_disk;
     return (struct os_disk *)disk;
 }
 
@@ -82,6 +104,7 @@ void os_disk_set_capacity(struct os_disk *disk, uint64_t sectors) {
 }
 
 void os_disk_set_queue(struct os_disk *disk, struct os_queue *queue) {
+    trak_queue_hold(real_queue(queue));
     real_disk(disk)->queue = real_queue(queue);
 }
 

@@ -17,6 +17,7 @@ struct node_queue {
     os_make_request_fn make_request;
     os_unplug_fn unplug;
     void *data;
+    bool held; /* by a disk, with which it goes */
     struct trak_under_way under_way;
 };
 
@@ -58,9 +59,21 @@ struct os_queue *os_alloc_queue(os_gfp gfp) {
 
 void os_cleanup_queue(struct os_queue *queue) {
     struct node_queue *node = node_of(queue);
+    const bool held = node->held;
 
     blk_cleanup_queue(real_queue(queue));
-    kfree(node);
+    if (!held)
+        kfree(node);
+}
+
+void trak_queue_hold(struct request_queue *queue) {
+    kobject_get(&queue->kobj);
+    ((struct node_queue *)queue->queuedata)->held = true;
+}
+
+void trak_queue_release(struct request_queue *queue) {
+    kfree(queue->queuedata);
+    blk_put_queue(queue);
 }
 
 int os_disk_drain(struct os_disk *disk, uint64_t ticks) {
