@@ -56,7 +56,7 @@ class Initramfs:
             raise CannotRun(f"there is no program {path}")
         self.file(f"bin/{os.path.basename(found)}", found, 0o100755)
         if os.path.basename(found) in ("mke2fs", "e2fsck"):
-            for kind in ("ext3", "ext4"):
+            for kind in ("ext2", "ext3", "ext4"):
                 prefix = "mkfs" if found.endswith("mke2fs") else "fsck"
                 self.link(f"bin/{prefix}.{kind}", os.path.basename(found))
         done = subprocess.run(["ldd", found], capture_output=True, text=True, timeout=60,

@@ -91,6 +91,10 @@ class Suite:
             if name.endswith(".ko"):
                 initramfs.file(f"lib/modules/{name}", f"{built}/{name}")
 
+    def checker_minds_ext3(self):
+        """At the freeze of one the kernel's lock checker complains of it and switches itself off."""
+        return self.kernel.own_fs != "ext4" and self.kernel.has("PROVE_LOCKING")
+
     def hear(self, _line, _report):
         """A line of the guest that is no test's; false when it says nothing to this suite."""
         return False
@@ -251,11 +255,7 @@ class Fs(OnTrak):
     def kinds(self):
         if self.kernel.own_fs == "ext4":
             return self.KINDS
-        return [row for row in self.OLD_KINDS if row[0] != "ext3" or not self.leaves_ext3_out()]
-
-    def leaves_ext3_out(self):
-        """At its freeze the kernel's lock checker complains of the file system and switches itself off."""
-        return self.kernel.own_fs != "ext4" and self.kernel.has("PROVE_LOCKING")
+        return [row for row in self.OLD_KINDS if row[0] != "ext3" or not self.checker_minds_ext3()]
 
     def path(self, name):
         return f"{self.folder}/{name}.img"
@@ -274,7 +274,7 @@ class Fs(OnTrak):
             for number, (name, kind, _, _, options) in enumerate(self.kinds(), 2)).encode())
 
     def check(self, report):
-        if self.leaves_ext3_out():
+        if self.checker_minds_ext3():
             report.skip(f"{self.name}.ext3", "its freeze would switch off this kernel's lock checker: "
                                              "run it on a kernel without PROVE_LOCKING")
         for name, _, _, check, _ in self.kinds():
@@ -353,7 +353,8 @@ class Memory(OnTrak):
     allowed = r"Call Trace:"
 
     def files(self, initramfs):
-        initramfs.put("etc/memory", b"5\n" if self.long else b"2\n")
+        kind = "ext2" if self.checker_minds_ext3() else self.kernel.own_fs
+        initramfs.put("etc/memory", f"{5 if self.long else 2} {kind}\n".encode())
 
 
 class Io(OnTrak):

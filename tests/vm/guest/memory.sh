@@ -3,8 +3,8 @@
 # shellcheck shell=dash
 # shellcheck source=tests/vm/guest/trak.sh
 . /suites/trak.sh
-# etc/memory: rounds of the pressure.
-read -r rounds </etc/memory
+# etc/memory: rounds of the pressure, the file system on the node.
+read -r rounds node_fs </etc/memory
 
 # eat_all_but MIB: a process takes the rest and rewrites it again and again.
 eat_all_but() {
@@ -19,8 +19,8 @@ true_or_given_up() {
   if [ "$(info "$1" valid)" = true ]; then
     mkdir -p "/mnt/snap$1"
     # ext3's noload is for file systems without a journal.
-    if [ "$own_fs" = ext4 ]; then options=ro,noload; else options=ro; fi
-    mount -t "$own_fs" -o $options "/dev/trak/trak$1" "/mnt/snap$1"
+    if [ "$node_fs" = ext4 ]; then options=ro,noload; else options=ro; fi
+    mount -t "$node_fs" -o $options "/dev/trak/trak$1" "/mnt/snap$1"
     vm_tool sums "/mnt/snap$1/tree" >/tmp/shown
     umount "/mnt/snap$1"
     cmp /tmp/shown "$2"
@@ -36,10 +36,10 @@ pressure() {
   local writers='' n=0
   mount_maps
   load
-  "mkfs.$own_fs" -q -F "$(disk 0)"
+  "mkfs.$node_fs" -q -F "$(disk 0)"
   add_filter 64K
   mkdir -p /mnt/node
-  mount -t "$own_fs" /dev/trak/trak0 /mnt/node
+  mount -t "$node_fs" /dev/trak/trak0 /mnt/node
   mkdir /mnt/node/tree /mnt/node/a /mnt/node/b
   vm_tool age /mnt/node/tree 1 300 9000
   vm_tool sums /mnt/node/tree >/tmp/sums
@@ -70,7 +70,7 @@ pressure() {
   for pid in $writers; do wait "$pid"; done
   wait $eater || echo "the eater was ended: $?"
   umount /mnt/node
-  "fsck.$own_fs" -f -n /dev/trak/trak0
+  "fsck.$node_fs" -f -n /dev/trak/trak0
   cat /tmp/tally
   # Giving up each of them would be an easy way out.
   grep -q true /tmp/tally
