@@ -2,7 +2,7 @@
 # packaging/build.sh: builds the Debian packages into build/packages, and asks lintian about them
 # SPDX-License-Identifier: GPL-2.0-only
 # build.sh [--test]: ./run package. The sources are copied first: nothing is made in the tree. The same
-# tree gives the same packages. --test: they are tried in a clean root too.
+# tree gives the same packages. --test: they are tried in a clean root too, which is booted.
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 version=$(sed -nE 's/^project\(trak VERSION ([0-9.]+) .*/\1/p' CMakeLists.txt)
@@ -48,4 +48,4 @@ echo "--- lintian"
 lintian --fail-on error,warning,info --display-info --pedantic --tag-display-limit 0 "$out"/*.changes
 echo "--- packages"
 (cd "$out" && ls -l -- *.deb && sha256sum -- *.deb)
-[ "${1:-}" != --test ] || exec timeout -k 60 7200 python3 packaging/clean_root.py
+[ "${1:-}" != --test ] || exec timeout -k 60 10800 python3 packaging/clean_root.py
