@@ -16,5 +16,6 @@ find "$out" -type l | while read -r link; do
   [ -e "$link" ] || rm -f "$link"
 done
 ln -sfn "$top/os/linux/Kbuild" "$out/Kbuild"
-(cd "$top" && find driver os/linux tests/vm/contract -name '*.cpp' -o -name '*.c' 2>/dev/null) |
+(cd "$top" && find driver os/linux tests/vm/contract tests/vm/inject -name '*.cpp' -o -name '*.c' \
+  2>/dev/null) |
   while read -r file; do place "$file"; done

@@ -24,7 +24,7 @@ nothing_left() {
   set -- /dev/trak/*
   [ ! -e "$1" ] || fail "$1 is left"
   ! grep -qw trak /proc/devices || fail "/proc/devices has: $(grep -w trak /proc/devices)"
-  ! grep -E '^(trak|snap|dirty|cow)' /proc/slabinfo || fail "a slab cache is left"
+  ! grep -E '^(trak|snap|dirty|cow|aio_item|aio_block)' /proc/slabinfo || fail "a slab cache is left"
   ! thread kdirtyd || fail "kdirtyd is left"
   ! thread kcowd || fail "a kernel thread is left"
 }

@@ -30,8 +30,8 @@ constexpr Command kCommands[] = {
      "hostile CONTROL DISK EXT2 FOLDER SEED COUNT: calls that mean no good; EXT2: a disk to be "
      "read"},
     {"opens-as", 2, opens_as, "opens-as UID PATH: what a user without rights is told"},
-    {"failing", 4, failing,
-     "failing KIND CONTROL DISK FOLDER: every call with each of its steps failing once"},
+    {"failing", 5, failing,
+     "failing KIND first|creations|calls CONTROL DISK FOLDER: each with its steps failing"},
     {"failing-writes", 3, failing_writes,
      "failing-writes DISK SEED COUNT: writes by a process that the kernel lets fail"},
     {"shut-down", 1, shut_down, "shut-down MOUNT: XFS ends with its log written and not replayed"},
