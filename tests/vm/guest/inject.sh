@@ -75,7 +75,7 @@ wipe() { dd if=/dev/urandom of="$(disk 0)" bs=1M count=4 conv=fsync; }
 # grow_dev_page's BUG().
 case $(uname -r) in
 2.6.*) untried=functions=add_disk,sysfs_slab_add,alloc_page_buffers ;;
-*) untried=functions= ;;
+*) untried= ;;
 esac
 
 # Of the driver's own: the memory for a snap's record, whose failure is known to leave the node table locked
@@ -83,7 +83,7 @@ esac
 spare_in_creations() {
   local add_snap
   add_snap=$(awk '$4 == "[trak]" && $3 ~ /^_Z[0-9]+trak_ioctl_add_snap_node/ { print $3 }' /proc/kallsyms)
-  spare "$untried" inner=os_kzalloc outer="$add_snap" "$@"
+  spare ${untried:+"$untried"} inner=os_kzalloc outer="$add_snap" "$@"
 }
 
 # sweep KIND WHAT: every one of these calls with every one of its steps failing once.
@@ -118,7 +118,7 @@ begin_sweep() {
 
 calls_fail() {
   begin_sweep "$1"
-  [ "$1" = fail_make_request ] || spare "$untried" counted=should_fail
+  [ "$1" = fail_make_request ] || spare ${untried:+"$untried"} counted=should_fail
   sweep "$1" calls
   trakctl delete 2
   swept
@@ -182,7 +182,7 @@ writes_fail() {
   prepare "$1"
   wipe
   add_filter 64K
-  [ "$1" = fail_make_request ] || spare "$untried"
+  [ "$1" = fail_make_request ] || spare ${untried:+"$untried"}
   rm -f /tmp/tally
   for round in 1 2 3 4 5 6; do
     vm_tool hash /dev/trak/trak0 4096 /tmp/before
