@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # packaging/build.sh: builds the Debian packages into build/packages, and asks lintian about them
 # SPDX-License-Identifier: GPL-2.0-only
-# build.sh [--test]: ./run package. The sources are copied first: nothing is made in the tree. The same
-# tree gives the same packages. --test: they are tried in a clean root too, which is booted.
+# build.sh [--test | --reproduce]: ./run package. The sources are copied first: nothing is made in the tree.
+# The same tree gives the same packages, to the byte. --test: they are tried in a clean root too, and that is
+# booted. --reproduce: they are built twice more, elsewhere, and compared (reproduce.py).
 set -euo pipefail
 cd "$(dirname "$(readlink -f "$0")")/.."
 version=$(sed -nE 's/^project\(trak VERSION ([0-9.]+) .*/\1/p' CMakeLists.txt)
@@ -13,7 +14,12 @@ die() {
   exit 1
 }
 
-case ${1:-} in '' | --test) ;; *) die "package takes --test or nothing" ;; esac
+case ${1:-} in
+'' | --test) ;;
+--reproduce) exec timeout -k 60 7200 python3 packaging/reproduce.py ;;
+*) die "package takes --test, --reproduce or nothing" ;;
+esac
+umask 022
 [ -n "$version" ] || die "CMakeLists.txt names no version"
 changed=$(dpkg-parsechangelog -l packaging/debian/changelog -S Version)
 [ "$changed" = "$version" ] || die "packaging/debian/changelog is of $changed, CMakeLists.txt of $version"
@@ -29,11 +35,11 @@ else
   find . -path ./build -prune -o -type f -print0
 fi | tar -c --null -T - | tar -x -C "$source"
 cp -R "$source/packaging/debian" "$source/debian"
-# Modes are those of a plain checkout, whatever the umask here was.
-chmod -R u=rwX,go=rX "$source"
-
 export SOURCE_DATE_EPOCH DEB_BUILD_OPTIONS="parallel=${TRAK_JOBS:-$(nproc)} noautodbgsym"
 SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l packaging/debian/changelog -S Timestamp)
+# Modes and times are the same whoever made the tree, and when.
+chmod -R u=rwX,go=rX "$source"
+find "$source" -exec touch -h -d "@$SOURCE_DATE_EPOCH" '{}' +
 # The compilers' cache of the tree's other builds (debhelper has a home folder of its own).
 CCACHE_DIR=${CCACHE_DIR:-$(ccache -k cache_dir 2>/dev/null || true)}
 export CCACHE_DIR CCACHE_NOHASHDIR=1
