@@ -40,6 +40,8 @@ SOURCE_DATE_EPOCH=$(dpkg-parsechangelog -l packaging/debian/changelog -S Timesta
 # Modes and times are the same whoever made the tree, and when.
 chmod -R u=rwX,go=rX "$source"
 find "$source" -exec touch -h -d "@$SOURCE_DATE_EPOCH" '{}' +
+# No package takes debug information, which would only decide about the build ids.
+export DEB_CFLAGS_STRIP=-g DEB_CXXFLAGS_STRIP=-g
 # The compilers' cache of the tree's other builds (debhelper has a home folder of its own).
 CCACHE_DIR=${CCACHE_DIR:-$(ccache -k cache_dir 2>/dev/null || true)}
 export CCACHE_DIR CCACHE_NOHASHDIR=1
