@@ -51,13 +51,18 @@ static int call_release(struct inode *inode, struct file *file) {
     return fops_of(file)->release ? fops_of(file)->release(inode, file) : 0;
 }
 
-/* No compat_ioctl: the control device has one entry, and a program of 32 bits gets ENOTTY. */
+/* The control device has one entry; a program of 32 bits gets ENOTTY, which not every kernel says itself. */
+static long refuse_32(struct file *file, unsigned int cmd, unsigned long arg) {
+    return -ENOTTY;
+}
+
 static const struct file_operations calls = {
     .owner = THIS_MODULE,
     .llseek = default_llseek,
     .read = call_read,
     .write = call_write,
     .unlocked_ioctl = call_ioctl,
+    .compat_ioctl = refuse_32,
     .open = call_open,
     .release = call_release,
 };
