@@ -187,6 +187,38 @@ class Starts(unittest.TestCase):
         self.assertEqual(self.boots(self.Guest("[ 1.0] BUG: x\n")), (False, 1))
 
 
+class EmulatorFaults(unittest.TestCase):
+    def test_flags_that_no_processor_has_are_told_from_those_of_a_crash(self):
+        self.assertTrue(vm.impossible_flags("RSP: 0018:ffffc9000053bbc0 EFLAGS: 3d54dbb2\n"))
+        for flags in ("00010246", "00000286", "00250a97", "003f7fd7"):
+            self.assertFalse(vm.impossible_flags(f"RSP: 0018:ffffc9000053bbc0 EFLAGS: {flags}\n"))
+
+    def test_a_guest_that_had_such_flags_is_no_verdict(self):
+        with contextlib.redirect_stdout(io.StringIO()), self.assertRaises(vm.EmulatorFault):
+            vm.boot(Starts.Guest("EFLAGS: 3d54dbb2\n", "begin", "not ok t.x: y", "end"),
+                    vm_suites.Contract("", long=False), Report("t"), 1, None)
+
+    def run_suite(self, *faults):
+        """What the report says of a suite whose runs end so: with a fault of the emulator, or whole."""
+        report, left = Report("t"), list(faults)
+        report.tests.append(("t.earlier", "ok", ""))
+
+        def once(_name, _kernel, report, _options, _deadline):
+            report.tests.append(("t.x", "not ok" if left[0] else "ok", ""))
+            if left.pop(0):
+                raise vm.EmulatorFault
+
+        with contextlib.redirect_stdout(io.StringIO()), unittest.mock.patch.object(vm, "run_once", once):
+            vm.run_suite("t", None, report, None, None)
+        return [f"{verdict} {name}" for name, verdict, _ in report.tests]
+
+    def test_a_suite_begins_anew_once(self):
+        self.assertEqual(self.run_suite(False), ["ok t.earlier", "ok t.x"])
+        self.assertEqual(self.run_suite(True, False), ["ok t.earlier", "ok t.x"])
+        self.assertEqual(self.run_suite(True, True), ["ok t.earlier", "not ok t.x", "not ok t.runs"])
+        self.assertEqual(self.run_suite(False, True), ["ok t.earlier", "ok t.x"])
+
+
 class Folders(unittest.TestCase):
     def test_those_of_processes_that_are_gone_are_swept_and_no_others(self):
         gone = subprocess.Popen(["true"])  # pylint: disable=consider-using-with
